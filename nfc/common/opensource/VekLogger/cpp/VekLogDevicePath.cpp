@@ -1,0 +1,7 @@
+#include "VekLogPlatform.h"
+
+namespace vek {
+
+std::string devicePath(const char* path) { return path; }
+
+}  // namespace vek

@@ -1,0 +1,127 @@
+// The recorder object: thresholds, attachment and the writer thread.
+#include <cutils/properties.h>
+
+#include <system_error>
+
+#include "VekLogDiag.h"
+#include "VekLogPlatform.h"
+#include "VekLogger.h"
+
+namespace {
+
+constexpr uint32_t kMaxFileSize = 15 * 1024 * 1024;
+constexpr uint32_t kFlushThreshold = 10240;
+constexpr int kDefaultLevel = 5;
+
+struct KnownProcess {
+  const char* mName;
+  const char* mLogDir;
+};
+
+constexpr KnownProcess kKnownProcesses[] = {
+    {"nfc_process", "/data/vendor/nfc/"},
+    {"nfc_hal_process", "/data/vendor/nfc/"},
+    {"se_process", "/data/vendor/secure_element/"},
+    {"se_hal_process", "/data/vendor/secure_element/"},
+};
+
+int levelOfDigit(char digit) { return digit >= '0' && digit <= '6' ? digit - '0' : kDefaultLevel; }
+
+// Runs queued tasks one at a time, in order, with mMutex released while a task runs.
+void writerLoop(VekLogRecorder* recorder) {
+  VEK_DIAG(INFO) << "write buffer thread start!";
+  for (;;) {
+    std::function<void()> task;
+    {
+      std::unique_lock<std::mutex> lock(recorder->mMutex);
+      recorder->mCondition.wait(
+          lock, [recorder] { return recorder->mStopWriter || !recorder->mTasks.empty(); });
+      if (recorder->mStopWriter) return;
+      task = std::move(recorder->mTasks.front());
+      recorder->mTasks.pop_front();
+    }
+    task();
+  }
+}
+
+}  // namespace
+
+VekLogRecorder* VekLogRecorder::getInstance() {
+  static VekLogRecorder instance;
+  return &instance;
+}
+
+VekLogRecorder::VekLogRecorder()
+    : mAttached(false),
+      mPrintLevel(kDefaultLevel),
+      mRecordLevel(kDefaultLevel),
+      mMaxFileSize(0),
+      mFlushThreshold(0),
+      mStopWriter(false) {
+  initFeatureLevel();
+  mAttached = false;
+  mMaxFileSize = kMaxFileSize;
+  mFlushThreshold = kFlushThreshold;
+  if (mRecordLevel == 0) return;
+  // The one exception this library handles: std::thread reports a failed start only by
+  // throwing, and the host process must carry on. Without a writer nothing may be recorded.
+  try {
+    mWorker = std::thread(writerLoop, this);
+  } catch (const std::system_error&) {
+    mRecordLevel = 0;
+    VEK_DIAG(ERROR) << "write buffer thread failed to start!";
+  }
+}
+
+VekLogRecorder::~VekLogRecorder() {
+  if (!mWorker.joinable()) return;
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mStopWriter = true;
+  }
+  mCondition.notify_one();
+  mWorker.join();
+}
+
+void VekLogRecorder::initFeatureLevel() {
+  char value[PROPERTY_VALUE_MAX] = {};
+  int ret = property_get("persist.vendor.vek.nfc.log", value, "55");
+  if (ret <= 0) {
+    VEK_DIAG(WARNING) << "VekLogRecorder: Error in property_get! ret = " << ret;
+    mPrintLevel = kDefaultLevel;
+    mRecordLevel = kDefaultLevel;
+    return;
+  }
+  mPrintLevel = levelOfDigit(value[0]);
+  mRecordLevel = levelOfDigit(value[1]);
+  VEK_DIAG(INFO) << android::base::StringPrintf("%s: mPrintLevel = %d, mRecordLevel = %d",
+                                                "initFeatureLevel", mPrintLevel, mRecordLevel);
+}
+
+bool VekLogRecorder::isNeedPrint(int level) { return mPrintLevel >= level; }
+
+bool VekLogRecorder::isNeedRecord(int level) {
+  return level != 0 && mAttached && mRecordLevel >= level;
+}
+
+int VekLogRecorder::getPrintLevel() { return mPrintLevel; }
+
+int VekLogRecorder::getRecordLevel() { return mRecordLevel; }
+
+bool VekLogRecorder::attchProcess(const std::string& processName) {
+  {
+    // Under mMutex so that record and sendBuffToWorker never see the strings change halfway.
+    std::lock_guard<std::mutex> lock(mMutex);
+    mProcessName = processName;
+    for (const KnownProcess& known : kKnownProcesses) {
+      if (processName == known.mName) {
+        mLogDir = vek::devicePath(known.mLogDir);
+        mLogFilePath = mLogDir + processName + ".veklog";
+        break;
+      }
+    }
+    mAttached = true;
+  }
+  VEK_DIAG(INFO) << "attchProcess " << processName;
+  return true;
+}

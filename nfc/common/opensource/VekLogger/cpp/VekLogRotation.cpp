@@ -1,0 +1,108 @@
+// Size limit and rotation of the active log file, and retention of its archives.
+//
+//   before:  <dir>/nfc_process.veklog (would pass 15 MiB)   nfc_process_<older>.gz x0..5
+//   prune:   delete the oldest nfc_process_*.gz while five or more remain
+//   archive: gzip nfc_process.veklog -> <dir>//nfc_process_YYYYmmdd_HHMMSS.gz
+//   remove:  nfc_process.veklog; the append that follows starts a new file
+#include <dirent.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "VekLogDiag.h"
+#include "VekLogStorage.h"
+#include "VekLogger.h"
+
+namespace vek {
+namespace {
+
+constexpr size_t kArchivesKept = 5;
+
+std::vector<std::string> listArchives(DIR* dir, const std::string& prefix) {
+  std::vector<std::string> names;
+  while (dirent* entry = readdir(dir)) {
+    if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) names.emplace_back(entry->d_name);
+  }
+  return names;
+}
+
+}  // namespace
+
+bool checkLogFileExceed(const LogTarget& target, int size) {
+  struct stat st;
+  int64_t fileSize = stat(target.mLogFilePath.c_str(), &st) == 0 ? st.st_size : 0;
+  int64_t total = fileSize + static_cast<int64_t>(size);
+  if (static_cast<uint64_t>(total) <= target.mMaxFileSize) return true;
+
+  VEK_DIAG(INFO) << "fileSize is full: " << total;
+  if (!manageCompressFiles(target)) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to manageCompressFiles!",
+                                                   "checkLogFileExceed");
+    return false;
+  }
+  if (!compressGzip(target.mLogFilePath, getCompressedLogFile(target))) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to compressGzip!",
+                                                   "checkLogFileExceed");
+    return false;
+  }
+  int ret = remove(target.mLogFilePath.c_str());
+  if (ret != 0) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to remove file: %s, ret = %d",
+                                                   "checkLogFileExceed",
+                                                   target.mLogFilePath.c_str(), ret);
+    return false;
+  }
+  return true;
+}
+
+std::string getCompressedLogFile(const LogTarget& target) {
+  time_t now = time(nullptr);
+  tm local;
+  localtime_r(&now, &local);
+  char stamp[32];
+  strftime(stamp, sizeof(stamp), "%Y%m%d_%H%M%S", &local);
+  return target.mLogDir + "/" + target.mProcessName + "_" + stamp + ".gz";
+}
+
+bool manageCompressFiles(const LogTarget& target) {
+  DIR* dir = opendir(target.mLogDir.c_str());
+  if (dir == nullptr) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: opendir %s failed.", "manageCompressFiles",
+                                                   target.mLogDir.c_str());
+    return false;
+  }
+  std::vector<std::string> names = listArchives(dir, target.mProcessName + "_");
+  closedir(dir);
+
+  // Names carry their time stamp, so byte order is age order, oldest first.
+  std::sort(names.begin(), names.end());
+  for (size_t oldest = 0; names.size() - oldest >= kArchivesKept; ++oldest) {
+    std::string path = target.mLogDir + "/" + names[oldest];
+    if (unlink(path.c_str()) != 0) {
+      VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to delete old log file: %s",
+                                                     "manageCompressFiles", path.c_str());
+      return false;
+    }
+    VEK_DIAG(INFO) << android::base::StringPrintf("%s: Deleted old log file: %s",
+                                                  "manageCompressFiles", path.c_str());
+  }
+  return true;
+}
+
+}  // namespace vek
+
+bool VekLogRecorder::checkLogFileExceed(int size) {
+  return vek::checkLogFileExceed(vek::currentTarget(*this), size);
+}
+
+std::string VekLogRecorder::getCompressedLogFile() {
+  return vek::getCompressedLogFile(vek::currentTarget(*this));
+}
+
+bool VekLogRecorder::manageCompressFiles() {
+  return vek::manageCompressFiles(vek::currentTarget(*this));
+}

@@ -1,0 +1,38 @@
+// Storage work of the writer thread: write tasks, rotation, gzip archives and their retention.
+// Every function here runs on the writer thread only, one at a time, and takes no lock.
+#pragma once
+
+#include <stdint.h>
+
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+class VekLogRecorder;
+
+namespace vek {
+
+// The attachment a task writes for, copied when it is queued, so that a later attchProcess
+// never changes what a queued or running task works on.
+struct LogTarget {
+  std::string mProcessName;
+  std::string mLogDir;       // ends in "/"
+  std::string mLogFilePath;  // mLogDir + mProcessName + ".veklog"
+  uint32_t mMaxFileSize;
+};
+
+// Appends buff (plus the kernel log in "nfc_hal_process") to the target's log file, rotating
+// it first when needed, and sets 0 (appended) or 1 (dropped) on promise when there is one.
+// The recorder's attachment as it stands; the caller keeps it from changing meanwhile.
+LogTarget currentTarget(const VekLogRecorder& recorder);
+
+void runWriteTask(const LogTarget& target, std::vector<char>& buff,
+                  const std::shared_ptr<std::promise<int>>& promise);
+
+bool checkLogFileExceed(const LogTarget& target, int size);
+std::string getCompressedLogFile(const LogTarget& target);
+bool manageCompressFiles(const LogTarget& target);
+bool compressGzip(const std::string& in, const std::string& out);
+
+}  // namespace vek

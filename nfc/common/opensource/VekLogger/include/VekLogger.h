@@ -1,0 +1,158 @@
+// libvek_log_record: the log recorder of the NFC and secure-element vendor processes.
+//
+// Every message goes two ways, each behind its own threshold: to the platform log, and as
+// time-stamped lines into the process's private log file. Usage:
+//
+//   VekLogRecorder::getInstance()->attchProcess("nfc_process");  // once, at start-up
+//   __vek_log_i("NfcCore", "Discovery started, mode %d", mode);  // printf style
+//   VEK_LOG(INFO) << "ready";                                   // stream style
+//   __vek_save_log_now();                                       // flush, wait up to 2 s
+//
+// Thresholds come from the property "persist.vendor.vek.nfc.log", read once when the recorder
+// is first used: two digits, the print threshold then the record threshold, each 0 (off) to
+// 6 (verbose); default "55". A message of level L passes threshold T when L <= T.
+//
+// Recorded lines gather in memory and are appended by one writer thread in batches of a little
+// over 10240 bytes to "/data/vendor/nfc/<process>.veklog" or
+// "/data/vendor/secure_element/<process>.veklog". A file that would pass 15 MiB is compressed
+// into "<process>_<YYYYmmdd_HHMMSS>.gz" beside it and removed; five archives are kept. The
+// library creates no directories. Host builds prefix these paths with $VEK_LOG_ROOT.
+//
+// Choices this library makes where the platform leaves room:
+// - Shutdown: the recorder's destructor (process exit or library unload) asks the writer to
+//   stop and joins it. A task that is running completes; queued tasks and buffered text are
+//   discarded. Flush with __vek_save_log_now() before exiting to keep them.
+// - A writer thread that cannot be started leaves the record threshold at 0: the process goes
+//   on printing, nothing is recorded, and no exception leaves the library.
+// - Re-attaching is safe while tasks run: a write task keeps the process name and paths that
+//   were current when it was queued.
+// - Negative levels are recorded (with an empty level letter) only while the record threshold
+//   is not 0, so no task is ever queued without a writer to run it. They are never printed.
+// - A level-1 message of VekLogAdapter is recorded, flushed with the bounded wait, then
+//   printed at FATAL, which ends the process when the print threshold is 1 or more.
+// - __vek_save_log_now() returns true when the text pending at the call is on storage (or
+//   there was none), false when not attached, on a failed write or after the 2 s time-out.
+// - Files are created with mode 0640 and close-on-exec; an archive counts as made only once
+//   it has been synced and closed without error.
+
+#pragma once
+
+#include <stdint.h>
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#define VEK_EXPORT __attribute__((visibility("default")))
+
+extern "C" {
+// Format the message, record it at level 6 (v), 5 (d), 4 (i), 3 (w) or 2 (e), then print it to
+// the platform log at the matching Android priority. An empty message does nothing.
+VEK_EXPORT void __vek_log_v(const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+VEK_EXPORT void __vek_log_d(const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+VEK_EXPORT void __vek_log_i(const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+VEK_EXPORT void __vek_log_w(const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+VEK_EXPORT void __vek_log_e(const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+
+// Hands the buffered text to the writer and waits up to 2 seconds for it to reach the file.
+VEK_EXPORT bool __vek_save_log_now(void);
+}
+
+// The one recorder of the process. Thresholds and the size limits are fixed at construction;
+// mMutex guards mBuffer and mTasks; everything on storage happens on the writer thread.
+class VEK_EXPORT VekLogRecorder {
+ public:
+  // Creates the recorder on first use, thread-safely. Never null.
+  static VekLogRecorder* getInstance();
+
+  VekLogRecorder();
+  ~VekLogRecorder();
+
+  // Reads the level property into mPrintLevel and mRecordLevel.
+  void initFeatureLevel();
+  bool isNeedPrint(int level);
+  bool isNeedRecord(int level);
+  int getPrintLevel();
+  int getRecordLevel();
+
+  // Names the host process ("nfc_process", "nfc_hal_process", "se_process", "se_hal_process"),
+  // which selects its log file, and turns recording on. Always true.
+  bool attchProcess(const std::string& processName);
+
+  // Formats message as one line per line feed and buffers it; hands the buffer to the writer
+  // once it holds more than mFlushThreshold bytes. Does nothing unless attached and
+  // level passes the record threshold.
+  void record(int level, const std::string& tag, const std::string& message);
+
+  // Queues buff as a write task. The caller holds mMutex. False for an empty buffer.
+  bool sendBuffToWorker(std::vector<char>&& buff, std::shared_ptr<std::promise<int>> promise);
+
+  // Hands the buffer to the writer; with wait, blocks up to 2 s for the write's outcome.
+  bool saveLogsToFile(bool wait);
+
+  // Writer thread only. True when size more bytes may be appended to mLogFilePath, rotating
+  // the file into an archive first when they would not fit.
+  bool checkLogFileExceed(int size);
+  // The path of a new archive for the current local time: mLogDir + "/" + name + "_" + time.
+  std::string getCompressedLogFile();
+  // Compresses the file in into a gzip file out. The input is never changed.
+  bool compressGzip(const std::string& in, const std::string& out);
+  // Deletes the oldest archives of this process until fewer than five remain.
+  bool manageCompressFiles();
+
+  std::mutex mMutex;
+  std::condition_variable mCondition;
+  bool mAttached;
+  std::string mProcessName;
+  std::string mLogDir;
+  std::string mLogFilePath;
+  int mPrintLevel;
+  int mRecordLevel;
+  uint32_t mMaxFileSize;
+  uint32_t mFlushThreshold;
+  std::vector<char> mBuffer;
+  std::thread mWorker;
+  std::deque<std::function<void()>> mTasks;
+  // Set under mMutex by the destructor; the writer leaves its loop when it sees it.
+  bool mStopWriter;
+};
+
+// Logs one message written to stream(); the destructor records "[file(line)] text" and prints
+// the bare text through android::base logging with the caller's file and line. Levels follow
+// the recorder's scale: 1 fatal to 6 verbose; other levels are never printed.
+class VEK_EXPORT VekLogAdapter {
+ public:
+  VekLogAdapter(int level, const char* file, int line);
+  ~VekLogAdapter();
+  VekLogAdapter(const VekLogAdapter&) = delete;
+  VekLogAdapter& operator=(const VekLogAdapter&) = delete;
+
+  std::ostringstream& stream();
+
+  int mLevel;
+  const char* mFile;  // not copied: must outlive the adapter
+  int mLine;
+  std::ostringstream mStream;
+};
+
+#define VEK_LEVEL_FATAL 1
+#define VEK_LEVEL_ERROR 2
+#define VEK_LEVEL_WARNING 3
+#define VEK_LEVEL_INFO 4
+#define VEK_LEVEL_DEBUG 5
+#define VEK_LEVEL_VERBOSE 6
+
+// VEK_LOG(INFO) << "text"; logs one message with the caller's file and line.
+#define VEK_LOG(severity) VekLogAdapter(VEK_LEVEL_##severity, __FILE__, __LINE__).stream()

@@ -1,0 +1,68 @@
+// Shared test fixtures: a scratch VEK_LOG_ROOT, captured diagnostics and a way to hold the
+// writer thread. Each test runs in its own process, so the recorder starts fresh every time.
+#pragma once
+
+#include <android-base/logging.h>
+#include <gtest/gtest.h>
+
+#include <future>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "VekLogger.h"
+
+namespace vektest {
+
+// Creates a scratch root with the two log directories and points VEK_LOG_ROOT at it.
+struct ScratchRoot {
+  ScratchRoot();
+  ~ScratchRoot();
+  std::string path(const std::string& devicePath) const { return mRoot + devicePath; }
+
+  std::string mRoot;
+};
+
+struct Diagnostic {
+  android::base::LogSeverity mSeverity;
+  std::string mText;
+};
+
+// Records every android::base log line written from now on, VERBOSE included. It lives until
+// the process ends, since the writer thread may log after a test body has returned.
+struct DiagCapture {
+  DiagCapture();
+  std::vector<Diagnostic> all();
+  // How many lines at severity read exactly text.
+  int count(android::base::LogSeverity severity, const std::string& text);
+  // How many lines start with prefix, at any severity.
+  int countPrefix(const std::string& prefix);
+
+  std::mutex mMutex;
+  std::vector<Diagnostic> mLines;
+};
+
+// Holds the writer thread in a task of its own until release() is called.
+struct WriterGate {
+  explicit WriterGate(VekLogRecorder* recorder);
+  ~WriterGate() { release(); }
+  void release();
+
+  std::promise<void> mOpen;
+  std::promise<void> mEntered;
+  bool mReleased = false;
+};
+
+// The process's one capture, installed on first use.
+DiagCapture& diagnostics();
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+bool exists(const std::string& path);
+std::vector<std::string> listDir(const std::string& dir);
+// Queues text as a write task on the recorder and waits for its completion value.
+int writeNow(VekLogRecorder* recorder, const std::string& text);
+// Decompresses a gzip file with the gzip program, as a field engineer would.
+std::string gunzip(const std::string& path);
+
+}  // namespace vektest
