@@ -34,12 +34,12 @@ bool severityOf(int level, android::base::LogSeverity* severity) {
 
 }  // namespace
 
-#define VEK_LOG_ENTRY_POINT(name, level, priority)            \
+#define VEK_LOG_ENTRY_POINT(name, level, priority)              \
   extern "C" void name(const char* tag, const char* fmt, ...) { \
-    va_list args;                                              \
-    va_start(args, fmt);                                       \
-    logFormatted(level, priority, tag, fmt, args);             \
-    va_end(args);                                              \
+    va_list args;                                               \
+    va_start(args, fmt);                                        \
+    logFormatted(level, priority, tag, fmt, args);              \
+    va_end(args);                                               \
   }
 
 VEK_LOG_ENTRY_POINT(__vek_log_v, 6, ANDROID_LOG_VERBOSE)

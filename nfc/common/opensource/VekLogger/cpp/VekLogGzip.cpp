@@ -1,12 +1,11 @@
 // Gzip compression of a log file into an archive, in one streaming pass of 1 MiB chunks.
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <memory>
-
-#include <android-base/file.h>
-#include <android-base/unique_fd.h>
 
 #include "VekLogDiag.h"
 #include "VekLogStorage.h"
@@ -84,8 +83,8 @@ bool compressGzip(const std::string& in, const std::string& out) {
                                                    "compressGzip", in.c_str());
     return false;
   }
-  android::base::unique_fd output(TEMP_FAILURE_RETRY(
-      open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640)));
+  android::base::unique_fd output(
+      TEMP_FAILURE_RETRY(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640)));
   if (output == -1) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open outFile file: %s",
                                                    "compressGzip", out.c_str());

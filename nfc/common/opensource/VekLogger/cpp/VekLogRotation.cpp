@@ -25,7 +25,8 @@ constexpr size_t kArchivesKept = 5;
 std::vector<std::string> listArchives(DIR* dir, const std::string& prefix) {
   std::vector<std::string> names;
   while (dirent* entry = readdir(dir)) {
-    if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) names.emplace_back(entry->d_name);
+    if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0)
+      names.emplace_back(entry->d_name);
   }
   return names;
 }

@@ -1,10 +1,9 @@
 // Write tasks: a handed-over buffer, plus the kernel log in the HAL process, appended to the
 // active log file on the writer thread.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "VekLogDiag.h"
 #include "VekLogPlatform.h"
@@ -76,10 +75,9 @@ bool VekLogRecorder::sendBuffToWorker(std::vector<char>&& buff,
     VEK_DIAG(WARNING) << "writting invalid buffer";
     return false;
   }
-  mTasks.emplace_back([target = vek::currentTarget(*this), text = std::move(buff),
-                       promise = std::move(promise)]() mutable {
-    vek::runWriteTask(target, text, promise);
-  });
+  mTasks.emplace_back(
+      [target = vek::currentTarget(*this), text = std::move(buff),
+       promise = std::move(promise)]() mutable { vek::runWriteTask(target, text, promise); });
   mCondition.notify_one();
   return true;
 }

@@ -1,7 +1,6 @@
+#include <android-base/properties.h>
 #include <cutils/properties.h>
 #include <string.h>
-
-#include <android-base/properties.h>
 
 int property_get(const char* key, char* value, const char* default_value) {
   std::string found = android::base::GetProperty(key, "");

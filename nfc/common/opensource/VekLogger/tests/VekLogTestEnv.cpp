@@ -1,5 +1,6 @@
 #include "VekLogTestEnv.h"
 
+#include <android-base/file.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
@@ -10,8 +11,6 @@
 
 #include <algorithm>
 
-#include <android-base/file.h>
-
 namespace vektest {
 
 ScratchRoot::ScratchRoot() {
@@ -19,8 +18,8 @@ ScratchRoot::ScratchRoot() {
   std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vek.XXXXXX";
   mRoot = mkdtemp(&pattern[0]);
   setenv("VEK_LOG_ROOT", mRoot.c_str(), 1);
-  for (const char* dir : {"/data", "/data/vendor", "/data/vendor/nfc", "/data/vendor/secure_element",
-                          "/proc", "/proc/vekdev"}) {
+  for (const char* dir : {"/data", "/data/vendor", "/data/vendor/nfc",
+                          "/data/vendor/secure_element", "/proc", "/proc/vekdev"}) {
     mkdir(path(dir).c_str(), 0755);
   }
 }

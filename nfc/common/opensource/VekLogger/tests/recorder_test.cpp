@@ -22,7 +22,7 @@ TEST(VekLogRecorder, LevelPropertyMapsEachDigitOnItsOwn) {
     int mPrint;
     int mRecord;
   };
-  const Case cases[] = {{"55", 5, 5}, {"60", 6, 0}, {"3", 3, 5},  {"7x", 5, 5},
+  const Case cases[] = {{"55", 5, 5}, {"60", 6, 0},  {"3", 3, 5},  {"7x", 5, 5},
                         {"-1", 5, 1}, {"246", 2, 4}, {"06", 0, 6}, {"", 5, 5}};
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   for (const Case& c : cases) {
@@ -156,9 +156,9 @@ TEST(VekLogRecorder, QueuedTaskKeepsTheAttachmentItWasQueuedUnder) {
   ASSERT_TRUE(recorder->saveLogsToFile(true));
   EXPECT_NE(std::string::npos,
             vektest::readFile(root.path("/data/vendor/nfc/nfc_process.veklog")).find("before"));
-  EXPECT_NE(std::string::npos,
-            vektest::readFile(root.path("/data/vendor/secure_element/se_process.veklog"))
-                .find("after"));
+  EXPECT_NE(
+      std::string::npos,
+      vektest::readFile(root.path("/data/vendor/secure_element/se_process.veklog")).find("after"));
 }
 
 // The destructor at exit lets the running task finish and drops the queued ones.
