@@ -1,6 +1,7 @@
 #include "VekLogTestEnv.h"
 
 #include <android-base/file.h>
+#include <android/log.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
@@ -30,12 +31,35 @@ ScratchRoot::~ScratchRoot() {
       FTW_DEPTH | FTW_PHYS);
 }
 
+namespace {
+
+int priorityOf(android::base::LogSeverity severity) {
+  switch (severity) {
+    case android::base::VERBOSE:
+      return ANDROID_LOG_VERBOSE;
+    case android::base::DEBUG:
+      return ANDROID_LOG_DEBUG;
+    case android::base::INFO:
+      return ANDROID_LOG_INFO;
+    case android::base::WARNING:
+      return ANDROID_LOG_WARN;
+    case android::base::ERROR:
+      return ANDROID_LOG_ERROR;
+    default:
+      return ANDROID_LOG_FATAL;
+  }
+}
+
+}  // namespace
+
 DiagCapture::DiagCapture() {
   android::base::SetMinimumLogSeverity(android::base::VERBOSE);
-  android::base::SetLogger([this](android::base::LogId, android::base::LogSeverity severity,
-                                  const char*, const char*, unsigned int, const char* message) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mLines.push_back({severity, message});
+  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+  __android_log_set_logger([](const __android_logger_data* data, const char* message) {
+    DiagCapture& self = diagnostics();
+    std::lock_guard<std::mutex> lock(self.mMutex);
+    self.mLines.push_back({data->priority, data->tag != nullptr ? data->tag : "", message,
+                           data->file != nullptr ? data->file : "", data->line});
   });
 }
 
@@ -49,10 +73,18 @@ std::vector<Diagnostic> DiagCapture::all() {
   return mLines;
 }
 
+std::vector<Diagnostic> DiagCapture::printed() {
+  std::vector<Diagnostic> lines = all();
+  lines.erase(std::remove_if(lines.begin(), lines.end(),
+                             [](const Diagnostic& d) { return !d.mFile.empty(); }),
+              lines.end());
+  return lines;
+}
+
 int DiagCapture::count(android::base::LogSeverity severity, const std::string& text) {
   std::vector<Diagnostic> lines = all();
   return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const Diagnostic& d) {
-    return d.mSeverity == severity && d.mText == text;
+    return d.mPriority == priorityOf(severity) && d.mText == text;
   }));
 }
 

@@ -23,16 +23,24 @@ struct ScratchRoot {
   std::string mRoot;
 };
 
+// One entry of the platform log. libbase hands its lines to liblog here, so diagnostics (with
+// a file and a line) and __android_log_print entries (without) arrive through the same hook.
 struct Diagnostic {
-  android::base::LogSeverity mSeverity;
+  int mPriority;
+  std::string mTag;
   std::string mText;
+  std::string mFile;
+  unsigned int mLine;
 };
 
-// Records every android::base log line written from now on, VERBOSE included. It lives until
-// the process ends, since the writer thread may log after a test body has returned.
+// Records every platform log entry written from now on, verbose included, through liblog's
+// logger hook. It lives until the process ends, since the writer thread may log after a test
+// body has returned.
 struct DiagCapture {
   DiagCapture();
   std::vector<Diagnostic> all();
+  // The entries of __android_log_print, which carry no source file.
+  std::vector<Diagnostic> printed();
   // How many lines at severity read exactly text.
   int count(android::base::LogSeverity severity, const std::string& text);
   // How many lines start with prefix, at any severity.
