@@ -30,8 +30,10 @@
 //   is not 0, so no task is ever queued without a writer to run it. They are never printed.
 // - A level-1 message of VekLogAdapter is recorded, flushed with the bounded wait, then
 //   printed at FATAL, which ends the process when the print threshold is 1 or more.
-// - __vek_save_log_now() returns true when the text pending at the call is on storage (or
-//   there was none), false when not attached, on a failed write or after the 2 s time-out.
+// - __vek_save_log_now() returns saveLogsToFile(true): true when the text buffered at the call
+//   is on storage, or when nothing was buffered (it then returns at once, without waiting for
+//   batches handed over earlier); false when not attached, on a failed write, or after the 2 s
+//   time-out (the text is still written later).
 // - Files are created with mode 0640 and close-on-exec; an archive counts as made only once
 //   it has been synced and closed without error.
 
