@@ -14,7 +14,7 @@
 namespace vek {
 namespace {
 
-constexpr size_t kChunk = 1024 * 1024;
+constexpr size_t kChunk = size_t{1} << 20;
 constexpr int kLevel = 9;
 constexpr int kWindowBitsWithGzipWrapper = 15 + 16;
 constexpr int kMemLevel = 8;

@@ -40,6 +40,8 @@ struct Shared {
   ProcessStats mProcesses[kProcesses];
 };
 
+inline double mebibytes(double bytes) { return bytes / (1024 * 1024); }
+
 // The level of a thread's message number seq: info, debug, warning, error in turn.
 int levelOf(long seq);
 

@@ -192,8 +192,9 @@ bool checkProcess(const Options& options, const Shared& shared, int index) {
   for (int t = 0; t < options.mThreads; ++t) present += lines.mLines[t];
   printf("\n%s (pid %d): %ld messages logged, %ld recorded, %ld present (older ones pruned: %s)\n",
          name.c_str(), stats.mPid.load(), logged, recorded, present, pruned ? "yes" : "no");
-  printf("  %.1f MiB written, %ld rotations, active file %.1f MiB", stats.mBytesWritten / 1048576.0,
-         stats.mRotations.load(), active.size() / 1048576.0);
+  printf("  %.1f MiB written, %ld rotations, active file %.1f MiB",
+         mebibytes(static_cast<double>(stats.mBytesWritten)), stats.mRotations.load(),
+         mebibytes(static_cast<double>(active.size())));
   if (stats.mKernelLines > 0) {
     printf(", kernel log lines %ld fed, %ld present", stats.mKernelLines.load(),
            lines.mKernelLines);
@@ -201,7 +202,9 @@ bool checkProcess(const Options& options, const Shared& shared, int index) {
   printf("\n");
   for (const Archive& archive : archives) {
     printf("  %-40s %9ld bytes  ratio %5.1f:1  %s\n", archive.mName.c_str(), archive.mSize,
-           archive.mSize > 0 ? static_cast<double>(archive.mText.size()) / archive.mSize : 0.0,
+           archive.mSize > 0
+               ? static_cast<double>(archive.mText.size()) / static_cast<double>(archive.mSize)
+               : 0.0,
            archive.mValid ? "decompresses" : "CORRUPT");
   }
   printf("  check: %s\n", ok ? "every recorded line not pruned is present exactly once, in order"

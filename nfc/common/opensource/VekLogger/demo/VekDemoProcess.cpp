@@ -112,6 +112,7 @@ void runProcess(int index, const Options& options, Shared& shared) {
     feeder = std::thread(feedKernelLog, node, std::cref(feederStop));
   }
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<size_t>(options.mThreads));
   for (int t = 0; t < options.mThreads; ++t) {
     threads.emplace_back(logMessages, t, std::cref(shared.mStop), recorder->getRecordLevel(),
                          std::max(1, options.mRate / options.mThreads));

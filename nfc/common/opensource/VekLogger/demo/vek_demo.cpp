@@ -104,8 +104,8 @@ void showProgress(const Shared& shared, long elapsed) {
   printf("%3lds", elapsed);
   for (int i = 0; i < kProcesses; ++i) {
     const ProcessStats& stats = shared.mProcesses[i];
-    printf("  %s %5.1f MiB %ld rot", kProcessNames[i], stats.mBytesWritten / 1048576.0,
-           stats.mRotations.load());
+    printf("  %s %5.1f MiB %ld rot", kProcessNames[i],
+           mebibytes(static_cast<double>(stats.mBytesWritten)), stats.mRotations.load());
   }
   printf("\n");
   fflush(stdout);

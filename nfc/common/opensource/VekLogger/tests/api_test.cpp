@@ -157,6 +157,7 @@ TEST_F(ApiTest, ConcurrentLinesSurviveARotationExactlyOnce) {
   constexpr int kThreads = 4;
   constexpr int kLines = 5000;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
       for (int i = 0; i < kLines; ++i) {

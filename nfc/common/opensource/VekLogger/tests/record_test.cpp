@@ -70,7 +70,7 @@ TEST_F(RecordTest, LineFormatByteForByte) {
   for (size_t i = 0; i < lines.size(); ++i) {
     bool matched = false;
     for (int64_t ms = before; ms <= after && !matched; ++ms) {
-      time_t japan = static_cast<time_t>(ms / 1000) + 9 * 3600;
+      time_t japan = static_cast<time_t>(ms / 1000) + 9L * 3600;
       tm broken;
       char stamp[32];
       strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", gmtime_r(&japan, &broken));

@@ -56,6 +56,7 @@ TEST(VekLogRecorder, ConcurrentFirstCallsShareOneInstanceAndOneRead) {
   std::shared_future<void> start = go.get_future().share();
   std::vector<VekLogRecorder*> seen(8);
   std::vector<std::thread> threads;
+  threads.reserve(seen.size());
   for (auto& slot : seen) {
     threads.emplace_back([&slot, start] {
       start.wait();

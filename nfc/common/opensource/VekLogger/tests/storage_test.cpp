@@ -20,7 +20,7 @@ using vektest::writeFile;
 namespace {
 
 constexpr char kNfcDir[] = "/data/vendor/nfc/";
-constexpr off_t kLimit = 15 * 1024 * 1024;
+constexpr off_t kLimit = 15L * 1024 * 1024;
 
 struct StorageTest : testing::Test {
   void SetUp() override {
@@ -60,7 +60,7 @@ struct StorageTest : testing::Test {
 };
 
 TEST_F(StorageTest, GzipRoundTripsThroughTheGzipProgram) {
-  const size_t sizes[] = {0, 1, 1024 * 1024, 5 * 1024 * 1024 + 17};
+  const size_t sizes[] = {0, 1, 1024UL * 1024, 5UL * 1024 * 1024 + 17};
   for (size_t size : sizes) {
     std::string text = logText(size);
     writeFile(dir + "in", text);
@@ -159,7 +159,7 @@ TEST_F(StorageTest, ArchiveNameCarriesTheLocalTime) {
   time_t after = time(nullptr);
   std::vector<std::string> expected;
   for (time_t t = before; t <= after; ++t) {
-    time_t japan = t + 9 * 3600;
+    time_t japan = t + 9L * 3600;
     tm broken;
     char stamp[32];
     strftime(stamp, sizeof(stamp), "%Y%m%d_%H%M%S", gmtime_r(&japan, &broken));
