@@ -60,6 +60,7 @@ DiagCapture::DiagCapture() {
     std::lock_guard<std::mutex> lock(self.mMutex);
     self.mLines.push_back({data->priority, data->tag != nullptr ? data->tag : "", message,
                            data->file != nullptr ? data->file : "", data->line});
+    self.mAdded.notify_all();
   });
 }
 
@@ -88,11 +89,17 @@ int DiagCapture::count(android::base::LogSeverity severity, const std::string& t
   }));
 }
 
-int DiagCapture::countPrefix(const std::string& prefix) {
-  std::vector<Diagnostic> lines = all();
+static int countStarting(const std::vector<Diagnostic>& lines, const std::string& prefix) {
   return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const Diagnostic& d) {
     return d.mText.compare(0, prefix.size(), prefix) == 0;
   }));
+}
+
+int DiagCapture::countPrefix(const std::string& prefix) { return countStarting(all(), prefix); }
+
+void DiagCapture::waitFor(const std::string& prefix, int count) {
+  std::unique_lock<std::mutex> lock(mMutex);
+  mAdded.wait(lock, [&] { return countStarting(mLines, prefix) >= count; });
 }
 
 WriterGate::WriterGate(VekLogRecorder* recorder) {
@@ -113,6 +120,16 @@ void WriterGate::release() {
   if (mReleased) return;
   mReleased = true;
   mOpen.set_value();
+}
+
+std::string logText(size_t bytes) {
+  std::string text;
+  for (unsigned i = 0; text.size() < bytes; ++i) {
+    text += "11-22 20:51:23.0" + std::to_string(i % 100) + " 1873 2011 I NfcCore: event " +
+            std::to_string(i * 2654435761u) + "\n";
+  }
+  text.resize(bytes);
+  return text;
 }
 
 std::string readFile(const std::string& path) {

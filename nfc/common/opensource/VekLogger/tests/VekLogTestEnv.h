@@ -5,6 +5,7 @@
 #include <android-base/logging.h>
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <future>
 #include <mutex>
 #include <string>
@@ -45,8 +46,11 @@ struct DiagCapture {
   int count(android::base::LogSeverity severity, const std::string& text);
   // How many lines start with prefix, at any severity.
   int countPrefix(const std::string& prefix);
+  // Blocks until count lines in all have started with prefix.
+  void waitFor(const std::string& prefix, int count = 1);
 
   std::mutex mMutex;
+  std::condition_variable mAdded;
   std::vector<Diagnostic> mLines;
 };
 
@@ -64,6 +68,8 @@ struct WriterGate {
 // The process's one capture, installed on first use.
 DiagCapture& diagnostics();
 
+// bytes of log-like text, not trivially compressible.
+std::string logText(size_t bytes);
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);

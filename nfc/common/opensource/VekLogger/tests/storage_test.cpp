@@ -29,16 +29,6 @@ struct StorageTest : testing::Test {
     dir = root.path(kNfcDir);
     log = dir + "nfc_process.veklog";
   }
-  // Some lines of log text, not trivially compressible.
-  static std::string logText(size_t bytes) {
-    std::string text;
-    for (unsigned i = 0; text.size() < bytes; ++i) {
-      text += "11-22 20:51:23.0" + std::to_string(i % 100) + " 1873 2011 I NfcCore: event " +
-              std::to_string(i * 2654435761u) + "\n";
-    }
-    text.resize(bytes);
-    return text;
-  }
   // A log file of size bytes that takes no space: the limit is reached without writing it.
   void sparseLog(off_t size) {
     writeFile(log, "");
@@ -62,7 +52,7 @@ struct StorageTest : testing::Test {
 TEST_F(StorageTest, GzipRoundTripsThroughTheGzipProgram) {
   const size_t sizes[] = {0, 1, 1024UL * 1024, 5UL * 1024 * 1024 + 17};
   for (size_t size : sizes) {
-    std::string text = logText(size);
+    std::string text = vektest::logText(size);
     writeFile(dir + "in", text);
     writeFile(dir + "out.gz", "an older archive, longer than an empty member's gzip file");
     ASSERT_TRUE(recorder->compressGzip(dir + "in", dir + "out.gz")) << size;
@@ -235,7 +225,7 @@ TEST_F(WriteTaskTest, OtherProcessesNeverReadTheKernelLog) {
 
 TEST_F(WriteTaskTest, HalProcessAppendsTheKernelLogAsRead) {
   attachHal();
-  std::string klog = logText(3 * 3072 + 100);
+  std::string klog = vektest::logText(3 * 3072 + 100);
   klog[5] = '\0';
   klog[3072] = '\0';
   writeFile(node, klog);

@@ -1,0 +1,188 @@
+// Faults of the storage around the library, each while it holds and after it clears: the host
+// keeps running, never waits past the flush time-out, and logs again once the fault is gone.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "VekLogTestEnv.h"
+
+using android::base::ERROR;
+using vektest::exists;
+using vektest::readFile;
+using vektest::writeFile;
+
+namespace {
+
+constexpr off_t kLimit = 15L * 1024 * 1024;
+
+struct FaultTest : testing::Test {
+  void SetUp() override {
+    recorder = VekLogRecorder::getInstance();
+    recorder->attchProcess("nfc_process");
+    dir = root.path("/data/vendor/nfc");
+    log = dir + "/nfc_process.veklog";
+  }
+  // Records text and flushes it; the flush is bounded by its time-out whatever the fault.
+  bool logAndFlush(const std::string& text) {
+    recorder->record(4, "Fault", text);
+    auto start = std::chrono::steady_clock::now();
+    bool written = recorder->saveLogsToFile(true);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << text;
+    return written;
+  }
+  bool inLog(const std::string& text) {
+    return readFile(log).find("Fault: " + text + "\n") != std::string::npos;
+  }
+
+  vektest::ScratchRoot root;
+  vektest::DiagCapture& diag = vektest::diagnostics();
+  VekLogRecorder* recorder = nullptr;
+  std::string dir;
+  std::string log;
+};
+
+TEST_F(FaultTest, LogDirectoryMissingThenCreated) {
+  ASSERT_EQ(0, rmdir(dir.c_str()));
+  EXPECT_FALSE(logAndFlush("while missing"));
+  EXPECT_EQ(1, diag.count(ERROR, "Failed to append file: " + log));
+  ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
+  EXPECT_TRUE(logAndFlush("once created"));
+  EXPECT_TRUE(inLog("once created"));
+  EXPECT_FALSE(inLog("while missing")) << "a dropped batch is not retried";
+}
+
+// tmpfs needs root; elsewhere the file-size limit below covers a write that stops short.
+TEST_F(FaultTest, FullFileSystemThenSpaceFreed) {
+  if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k") != 0) {
+    GTEST_SKIP() << "cannot mount a small tmpfs here (needs root): " << strerror(errno);
+  }
+  std::string filler = dir + "/filler";
+  int fd = open(filler.c_str(), O_WRONLY | O_CREAT, 0600);
+  std::string block(4096, 'f');
+  while (write(fd, block.data(), block.size()) > 0) {
+  }
+  close(fd);
+  logAndFlush("while full");  // the write fails after the open, which goes unnoticed
+  EXPECT_FALSE(inLog("while full"));
+  ASSERT_EQ(0, unlink(filler.c_str()));
+  EXPECT_TRUE(logAndFlush("after freeing"));
+  EXPECT_TRUE(inLog("after freeing"));
+  umount2(dir.c_str(), MNT_DETACH);
+}
+
+TEST_F(FaultTest, FileSizeLimitThenRaised) {
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{4096, RLIM_INFINITY};
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+  logAndFlush(std::string(8000, 'x'));
+  EXPECT_EQ(4096u, readFile(log).size()) << "the write stops at the limit";
+  limit.rlim_cur = RLIM_INFINITY;
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+  EXPECT_TRUE(logAndFlush("after raising"));
+  EXPECT_TRUE(inLog("after raising"));
+}
+
+TEST_F(FaultTest, UndeletableArchiveFailsEveryRotationUntilRemoved) {
+  for (int i = 0; i < 5; ++i)
+    writeFile(dir + "/nfc_process_2025010" + std::to_string(i) + "_000000.gz", "x");
+  std::string stuck = dir + "/nfc_process_20250100_000000.gz";
+  ASSERT_EQ(0, unlink(stuck.c_str()));
+  ASSERT_EQ(0, mkdir(stuck.c_str(), 0755));
+  writeFile(stuck + "/keep", "a non-empty directory: unlink fails even for root");
+  writeFile(log, "");
+  ASSERT_EQ(0, truncate(log.c_str(), kLimit - 4096));
+
+  EXPECT_TRUE(logAndFlush("fits under the limit"));
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    EXPECT_FALSE(logAndFlush(std::string(5000, 'o')));
+  }
+  EXPECT_EQ(2, diag.count(ERROR, "checkLogFileExceed: Failed to manageCompressFiles!"));
+  EXPECT_EQ(2, diag.count(ERROR, "check log file excedd failed!"));
+  EXPECT_TRUE(inLog("fits under the limit"));
+
+  unlink((stuck + "/keep").c_str());
+  rmdir(stuck.c_str());
+  EXPECT_TRUE(logAndFlush(std::string(5000, 'r')));
+  EXPECT_EQ(std::string::npos, readFile(log).find("fits under the limit")) << "rotated";
+}
+
+TEST_F(FaultTest, HugeKernelLogIsAppendedWhole) {
+  recorder->attchProcess("nfc_hal_process");
+  log = dir + "/nfc_hal_process.veklog";
+  std::string klog = vektest::logText(24 * 1024 * 1024);
+  writeFile(root.path("/proc/vekdev/logger"), klog);
+  writeFile(log, "earlier\n");
+  EXPECT_TRUE(logAndFlush("with a huge kernel log"));
+  std::string text = readFile(log);
+  EXPECT_TRUE(text.size() > klog.size() &&
+              text.compare(text.size() - klog.size(), klog.size(), klog) == 0);
+  EXPECT_EQ(std::string::npos, text.find("earlier\n")) << "the earlier file was archived first";
+}
+
+TEST_F(FaultTest, LogFileDeletedOrTruncatedBetweenBatches) {
+  EXPECT_TRUE(logAndFlush("one"));
+  ASSERT_EQ(0, unlink(log.c_str()));
+  EXPECT_TRUE(logAndFlush("two"));
+  EXPECT_TRUE(inLog("two"));
+  EXPECT_FALSE(inLog("one"));
+  ASSERT_EQ(0, truncate(log.c_str(), 0));
+  EXPECT_TRUE(logAndFlush("three"));
+  EXPECT_EQ(readFile(log).find("three"), readFile(log).find(" Fault: ") + 8) << "starts the file";
+}
+
+TEST_F(FaultTest, TimeZoneChangedWhileRunning) {
+  setenv("TZ", "UTC0", 1);
+  tzset();
+  recorder->record(4, "Fault", "in UTC");
+  setenv("TZ", "JST-9", 1);
+  tzset();
+  time_t before = time(nullptr);
+  recorder->record(4, "Fault", "in Japan");
+  time_t after = time(nullptr);
+  ASSERT_TRUE(recorder->saveLogsToFile(true));
+  std::string text = readFile(log);
+  size_t japan = text.find("in Japan");
+  ASSERT_NE(std::string::npos, japan);
+  int hour = std::stoi(text.substr(text.rfind('\n', japan) + 1 + 6, 2));
+  tm utc;
+  int hourBefore = (gmtime_r(&before, &utc)->tm_hour + 9) % 24;
+  int hourAfter = (gmtime_r(&after, &utc)->tm_hour + 9) % 24;
+  EXPECT_TRUE(hour == hourBefore || hour == hourAfter) << text;
+}
+
+// The destructor waits for the running task, here a rotation of 15 MiB, so the archive is
+// whole and the process still ends cleanly. The recorder is made in the child: a fork has no
+// writer thread.
+TEST(FaultDeathTest, ExitWhileCompressingEndsCleanly) {
+  vektest::ScratchRoot root;
+  std::string dir = root.path("/data/vendor/nfc");
+  std::string log = dir + "/nfc_process.veklog";
+  std::string text = vektest::logText(kLimit - 100);
+  writeFile(log, text);
+  GTEST_FLAG_SET(death_test_style, "fast");
+  EXPECT_EXIT(
+      {
+        VekLogRecorder* recorder = VekLogRecorder::getInstance();
+        recorder->attchProcess("nfc_process");
+        recorder->record(4, "Fault", "last line");
+        recorder->record(4, "Fault", std::string(200, 'e'));
+        recorder->saveLogsToFile(false);
+        vektest::diagnostics().waitFor("fileSize is full: ");
+        exit(0);
+      },
+      testing::ExitedWithCode(0), "");
+  std::vector<std::string> names = vektest::listDir(dir);
+  ASSERT_EQ(2u, names.size());
+  EXPECT_EQ(text, vektest::gunzip(dir + "/" + names[1])) << names[1];
+  EXPECT_NE(std::string::npos, readFile(log).find("Fault: last line\n"));
+}
+
+}  // namespace
