@@ -12,6 +12,9 @@
 namespace {
 
 constexpr std::chrono::seconds kFlushTimeout(2);
+// Room for the line that takes a batch past the threshold, so that a batch is one allocation
+// instead of a dozen doublings, and a queued batch holds little unused capacity.
+constexpr size_t kBatchSlack = 1024;
 
 const char* levelLetter(int level) {
   static const char* const kLetters[] = {"", "F", "E", "W", "I", "D", "V"};
@@ -52,6 +55,7 @@ void VekLogRecorder::record(int level, const std::string& tag, const std::string
   while (start < message.size()) {
     size_t feed = message.find('\n', start);
     size_t stop = feed == std::string::npos ? message.size() : feed;
+    if (mBuffer.capacity() == 0) mBuffer.reserve(mFlushThreshold + kBatchSlack);
     appendLine(mBuffer, level, lineTag, message.data() + start, stop - start);
     if (mBuffer.size() > mFlushThreshold) sendBuffToWorker(std::move(mBuffer), nullptr);
     start = stop + 1;

@@ -1,11 +1,46 @@
 #!/usr/bin/env bash
 # From a fresh checkout: install what is missing, build, and run the whole test suite.
+#
+#   run_tests.sh [plain|asan|tsan|fuzz] [cmake options...]
+#
+# plain (the default) builds with the system compiler; asan builds everything with
+# AddressSanitizer and UndefinedBehaviorSanitizer, tsan with ThreadSanitizer (both with clang);
+# fuzz runs each libFuzzer target for VEK_FUZZ_SECONDS (60) on top of the kept corpus.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 top=$(cd "$here/../../../../.." && pwd)
-build=${VEK_BUILD_DIR:-$top/build}
+variant=${1:-plain}
+[ $# -gt 0 ] && shift
 
-"$here/install_deps.sh"
-cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@"
+case "$variant" in
+  plain) build=$top/build; options=() ;;
+  asan | fuzz) build=$top/build-asan; options=(-DVEK_SANITIZE=address -DVEK_FUZZ=ON) ;;
+  tsan) build=$top/build-tsan; options=(-DVEK_SANITIZE=thread) ;;
+  *) echo "usage: $0 [plain|asan|tsan|fuzz] [cmake options...]" >&2; exit 2 ;;
+esac
+build=${VEK_BUILD_DIR:-$build}
+
+if [ "$variant" = plain ]; then
+  "$here/install_deps.sh"
+else
+  "$here/install_deps.sh" clang libclang-rt-14-dev
+  export CC=clang CXX=clang++
+fi
+export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${options[@]}" "$@"
 cmake --build "$build" -j"$(nproc)"
-ctest --test-dir "$build" -j"$(nproc)" --output-on-failure
+if [ "$variant" != fuzz ]; then
+  ctest --test-dir "$build" -j"$(nproc)" --output-on-failure
+  exit 0
+fi
+
+seconds=${VEK_FUZZ_SECONDS:-60}
+for target in fuzz_record fuzz_level; do
+  found=$(mktemp -d)
+  echo "== $target for ${seconds}s"
+  "$build/nfc/common/opensource/VekLogger/fuzz/$target" -max_total_time="$seconds" -max_len=4096 \
+    -print_final_stats=1 "$found" "$here/../fuzz/corpus/${target}_seeds"
+  rm -rf "$found"
+done
