@@ -8,18 +8,34 @@
 
 namespace {
 
+// What a logging thread keeps between calls, so that a call allocates nothing in the common
+// case: a formatting buffer, and the message and tag strings with their capacity.
+struct CallScratch {
+  char mText[1024];
+  std::string mMessage;
+  std::string mTag;
+};
+
 // Formats in full (no length limit), records, then prints when the print threshold allows.
+// The text is formatted once into the thread's buffer, and again only when it is longer.
 void logFormatted(int level, int priority, const char* tag, const char* fmt, va_list args) {
+  thread_local CallScratch scratch;
   va_list measure;
   va_copy(measure, args);
-  int length = vsnprintf(nullptr, 0, fmt, measure);
+  int length = vsnprintf(scratch.mText, sizeof(scratch.mText), fmt, measure);
   va_end(measure);
   if (length <= 0) return;
-  std::string message(static_cast<size_t>(length), '\0');
-  vsnprintf(&message[0], message.size() + 1, fmt, args);
+  std::string& message = scratch.mMessage;
+  if (static_cast<size_t>(length) < sizeof(scratch.mText)) {
+    message.assign(scratch.mText, static_cast<size_t>(length));
+  } else {
+    message.resize(static_cast<size_t>(length));
+    vsnprintf(&message[0], message.size() + 1, fmt, args);
+  }
+  scratch.mTag.assign(tag);
 
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  recorder->record(level, std::string(tag), message);
+  recorder->record(level, scratch.mTag, message);
   if (recorder->mPrintLevel >= level) __android_log_print(priority, tag, "%s", message.c_str());
 }
 

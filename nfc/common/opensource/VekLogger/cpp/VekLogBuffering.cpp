@@ -1,5 +1,5 @@
 // Turning messages into log lines in mBuffer, and handing the buffer to the writer.
-#include <stdio.h>
+#include <string.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -16,14 +16,39 @@ constexpr std::chrono::seconds kFlushTimeout(2);
 // instead of a dozen doublings, and a queued batch holds little unused capacity.
 constexpr size_t kBatchSlack = 1024;
 
-const char* levelLetter(int level) {
-  static const char* const kLetters[] = {"", "F", "E", "W", "I", "D", "V"};
-  return level >= 1 && level <= 6 ? kLetters[level] : "";
+char levelLetter(int level) {
+  static const char kLetters[] = {'\0', 'F', 'E', 'W', 'I', 'D', 'V'};
+  return level >= 1 && level <= 6 ? kLetters[level] : '\0';
 }
 
-// Appends "MM-DD hh:mm:ss.mmm pid tid L tag: text\n", stamped with the time of this call.
-void appendLine(std::vector<char>& out, int level, const std::string& tag, const char* text,
-                size_t length) {
+char* twoDigits(char* out, int value) {
+  out[0] = static_cast<char>('0' + value / 10);
+  out[1] = static_cast<char>('0' + value % 10);
+  return out + 2;
+}
+
+char* decimal(char* out, unsigned long value) {
+  char digits[20];
+  int count = 0;
+  do {
+    digits[count++] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  while (count > 0) *out++ = digits[--count];
+  return out;
+}
+
+// The process and thread id of a line, read by system call for every line.
+struct LineIds {
+  long mPid;
+  long mTid;
+};
+
+LineIds readIds() { return LineIds{syscall(SYS_getpid), syscall(SYS_gettid)}; }
+
+// Writes "MM-DD hh:mm:ss.mmm pid tid L " for the time of this call; returns its end. Formatted
+// by hand: strftime and snprintf would cost more than the system calls a line must make.
+char* formatHeader(char* out, int level, const LineIds& ids) {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   int64_t micros = static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
@@ -32,31 +57,71 @@ void appendLine(std::vector<char>& out, int level, const std::string& tag, const
   tm local;
   localtime_r(&seconds, &local);
 
-  char head[96];
-  size_t used = strftime(head, sizeof(head), "%m-%d %H:%M:%S", &local);
-  used += snprintf(head + used, sizeof(head) - used, ".%03d %ld %ld %s ", millis,
-                   syscall(SYS_getpid), syscall(SYS_gettid), levelLetter(level));
-  out.insert(out.end(), head, head + used);
-  out.insert(out.end(), tag.begin(), tag.end());
-  out.push_back(':');
-  out.push_back(' ');
-  out.insert(out.end(), text, text + length);
-  out.push_back('\n');
+  out = twoDigits(out, local.tm_mon + 1);
+  *out++ = '-';
+  out = twoDigits(out, local.tm_mday);
+  *out++ = ' ';
+  out = twoDigits(out, local.tm_hour);
+  *out++ = ':';
+  out = twoDigits(out, local.tm_min);
+  *out++ = ':';
+  out = twoDigits(out, local.tm_sec);
+  *out++ = '.';
+  *out++ = static_cast<char>('0' + millis / 100);
+  out = twoDigits(out, millis % 100);
+  *out++ = ' ';
+  out = decimal(out, static_cast<unsigned long>(ids.mPid));
+  *out++ = ' ';
+  out = decimal(out, static_cast<unsigned long>(ids.mTid));
+  *out++ = ' ';
+  if (char letter = levelLetter(level)) *out++ = letter;
+  *out++ = ' ';
+  return out;
+}
+
+// Appends one whole line: header, tag, ": ", text and a line feed. A line of ordinary length
+// is put together on the stack and appended with one copy.
+void appendLine(std::vector<char>& buffer, int level, const LineIds& ids, const std::string& tag,
+                const char* text, size_t length) {
+  char line[512];
+  char* out = formatHeader(line, level, ids);
+  if (static_cast<size_t>(out - line) + tag.size() + 2 + length + 1 > sizeof(line)) {
+    buffer.insert(buffer.end(), line, out);
+    buffer.insert(buffer.end(), tag.begin(), tag.end());
+    buffer.insert(buffer.end(), {':', ' '});
+    buffer.insert(buffer.end(), text, text + length);
+    buffer.push_back('\n');
+    return;
+  }
+  memcpy(out, tag.data(), tag.size());
+  out += tag.size();
+  *out++ = ':';
+  *out++ = ' ';
+  memcpy(out, text, length);
+  out += length;
+  *out++ = '\n';
+  buffer.insert(buffer.end(), line, out);
 }
 
 }  // namespace
 
 void VekLogRecorder::record(int level, const std::string& tag, const std::string& message) {
-  std::lock_guard<std::mutex> lock(mMutex);
+  // The thresholds never change after construction, so they are checked before the lock.
   // Threshold 0 means no writer thread: even a negative level must not queue a task then.
-  if (level == 0 || !mAttached || mRecordLevel < level || mRecordLevel == 0) return;
+  if (level == 0 || mRecordLevel < level || mRecordLevel == 0 || message.empty()) return;
+  // The first line's system calls are made before the lock, which then covers the clock, the
+  // formatting and the append only; threads that log at once wait less for each other.
+  LineIds ids = readIds();
+  std::lock_guard<std::mutex> lock(mMutex);
+  if (!mAttached) return;
   const std::string& lineTag = tag.empty() ? mProcessName : tag;
   size_t start = 0;
   while (start < message.size()) {
     size_t feed = message.find('\n', start);
     size_t stop = feed == std::string::npos ? message.size() : feed;
+    if (start != 0) ids = readIds();
     if (mBuffer.capacity() == 0) mBuffer.reserve(mFlushThreshold + kBatchSlack);
-    appendLine(mBuffer, level, lineTag, message.data() + start, stop - start);
+    appendLine(mBuffer, level, ids, lineTag, message.data() + start, stop - start);
     if (mBuffer.size() > mFlushThreshold) sendBuffToWorker(std::move(mBuffer), nullptr);
     start = stop + 1;
   }
