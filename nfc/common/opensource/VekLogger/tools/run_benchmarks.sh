@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# From a fresh checkout: install what is missing, build, run the benchmarks against spdlog,
+# glog and the floor, and write benchmarks/RESULTS.md and benchmarks/threads.png.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+top=$(cd "$here/../../../../.." && pwd)
+build=${VEK_BUILD_DIR:-$top/build-bench}
+out=$here/../benchmarks
+
+"$here/install_deps.sh" gnuplot-nox python3
+cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$build" -j"$(nproc)" --target vek_bench
+scratch=$(mktemp -d)
+"$build/nfc/common/opensource/VekLogger/benchmarks/vek_bench" --benchmark_min_time=0.5 \
+  --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+  --benchmark_out="$scratch/bench.json" --benchmark_out_format=json | tee "$scratch/stdout.txt"
+grep -E '^(sustained|rotation|flush|memory):' "$scratch/stdout.txt" > "$scratch/storage.txt"
+python3 "$out/report.py" "$scratch/bench.json" "$scratch/storage.txt" "$scratch"
+cp "$scratch/RESULTS.md" "$scratch/threads.png" "$out/"
+rm -rf "$scratch"
+echo "wrote $out/RESULTS.md and $out/threads.png"
