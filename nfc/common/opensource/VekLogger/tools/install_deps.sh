@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(cmake g++ libgtest-dev android-libbase-dev android-liblog-dev zlib1g-dev gzip
-  libbenchmark-dev libspdlog-dev libgoogle-glog-dev "$@")
+  libbenchmark-dev libspdlog-dev libgoogle-glog-dev lnav pkgconf "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed" || missing+=("$package")
