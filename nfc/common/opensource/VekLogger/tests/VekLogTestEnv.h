@@ -79,4 +79,20 @@ int writeNow(VekLogRecorder* recorder, const std::string& text);
 // Decompresses a gzip file with the gzip program, as a field engineer would.
 std::string gunzip(const std::string& path);
 
+// A fresh scratch root and the recorder attached as "nfc_process"; dir ends in "/".
+struct NfcProcessTest : testing::Test {
+  void SetUp() override {
+    recorder = VekLogRecorder::getInstance();
+    recorder->attchProcess("nfc_process");
+    dir = root.path("/data/vendor/nfc/");
+    log = dir + "nfc_process.veklog";
+  }
+
+  ScratchRoot root;
+  DiagCapture& diag = diagnostics();
+  VekLogRecorder* recorder = nullptr;
+  std::string dir;
+  std::string log;
+};
+
 }  // namespace vektest

@@ -23,13 +23,7 @@ namespace {
 
 constexpr off_t kLimit = 15L * 1024 * 1024;
 
-struct FaultTest : testing::Test {
-  void SetUp() override {
-    recorder = VekLogRecorder::getInstance();
-    recorder->attchProcess("nfc_process");
-    dir = root.path("/data/vendor/nfc");
-    log = dir + "/nfc_process.veklog";
-  }
+struct FaultTest : vektest::NfcProcessTest {
   // Records text and flushes it; the flush is bounded by its time-out whatever the fault.
   bool logAndFlush(const std::string& text) {
     recorder->record(4, "Fault", text);
@@ -41,12 +35,6 @@ struct FaultTest : testing::Test {
   bool inLog(const std::string& text) {
     return readFile(log).find("Fault: " + text + "\n") != std::string::npos;
   }
-
-  vektest::ScratchRoot root;
-  vektest::DiagCapture& diag = vektest::diagnostics();
-  VekLogRecorder* recorder = nullptr;
-  std::string dir;
-  std::string log;
 };
 
 TEST_F(FaultTest, LogDirectoryMissingThenCreated) {
@@ -64,7 +52,7 @@ TEST_F(FaultTest, FullFileSystemThenSpaceFreed) {
   if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k") != 0) {
     GTEST_SKIP() << "cannot mount a small tmpfs here (needs root): " << strerror(errno);
   }
-  std::string filler = dir + "/filler";
+  std::string filler = dir + "filler";
   int fd = open(filler.c_str(), O_WRONLY | O_CREAT, 0600);
   std::string block(4096, 'f');
   while (write(fd, block.data(), block.size()) > 0) {
@@ -92,8 +80,8 @@ TEST_F(FaultTest, FileSizeLimitThenRaised) {
 
 TEST_F(FaultTest, UndeletableArchiveFailsEveryRotationUntilRemoved) {
   for (int i = 0; i < 5; ++i)
-    writeFile(dir + "/nfc_process_2025010" + std::to_string(i) + "_000000.gz", "x");
-  std::string stuck = dir + "/nfc_process_20250100_000000.gz";
+    writeFile(dir + "nfc_process_2025010" + std::to_string(i) + "_000000.gz", "x");
+  std::string stuck = dir + "nfc_process_20250100_000000.gz";
   ASSERT_EQ(0, unlink(stuck.c_str()));
   ASSERT_EQ(0, mkdir(stuck.c_str(), 0755));
   writeFile(stuck + "/keep", "a non-empty directory: unlink fails even for root");
@@ -116,7 +104,7 @@ TEST_F(FaultTest, UndeletableArchiveFailsEveryRotationUntilRemoved) {
 
 TEST_F(FaultTest, HugeKernelLogIsAppendedWhole) {
   recorder->attchProcess("nfc_hal_process");
-  log = dir + "/nfc_hal_process.veklog";
+  log = dir + "nfc_hal_process.veklog";
   std::string klog = vektest::logText(24 * 1024 * 1024);
   writeFile(root.path("/proc/vekdev/logger"), klog);
   writeFile(log, "earlier\n");
@@ -163,8 +151,8 @@ TEST_F(FaultTest, TimeZoneChangedWhileRunning) {
 // writer thread.
 TEST(FaultDeathTest, ExitWhileCompressingEndsCleanly) {
   vektest::ScratchRoot root;
-  std::string dir = root.path("/data/vendor/nfc");
-  std::string log = dir + "/nfc_process.veklog";
+  std::string dir = root.path("/data/vendor/nfc/");
+  std::string log = dir + "nfc_process.veklog";
   std::string text = vektest::logText(kLimit - 100);
   writeFile(log, text);
   GTEST_FLAG_SET(death_test_style, "fast");
@@ -181,7 +169,7 @@ TEST(FaultDeathTest, ExitWhileCompressingEndsCleanly) {
       testing::ExitedWithCode(0), "");
   std::vector<std::string> names = vektest::listDir(dir);
   ASSERT_EQ(2u, names.size());
-  EXPECT_EQ(text, vektest::gunzip(dir + "/" + names[1])) << names[1];
+  EXPECT_EQ(text, vektest::gunzip(dir + names[1])) << names[1];
   EXPECT_NE(std::string::npos, readFile(log).find("Fault: last line\n"));
 }
 

@@ -31,12 +31,7 @@ std::vector<std::string> splitLines(const std::string& text) {
   return lines;
 }
 
-struct RecordTest : testing::Test {
-  void SetUp() override {
-    recorder = VekLogRecorder::getInstance();
-    recorder->attchProcess("nfc_process");
-    log = root.path("/data/vendor/nfc/nfc_process.veklog");
-  }
+struct RecordTest : vektest::NfcProcessTest {
   std::string buffered() { return std::string(recorder->mBuffer.begin(), recorder->mBuffer.end()); }
   // The text of every buffered line, after "tag: ".
   std::vector<std::string> bufferedTexts(const std::string& tag) {
@@ -48,11 +43,6 @@ struct RecordTest : testing::Test {
     }
     return texts;
   }
-
-  vektest::ScratchRoot root;
-  vektest::DiagCapture& diag = vektest::diagnostics();
-  VekLogRecorder* recorder = nullptr;
-  std::string log;
 };
 
 TEST_F(RecordTest, LineFormatByteForByte) {

@@ -19,16 +19,9 @@ using vektest::writeFile;
 
 namespace {
 
-constexpr char kNfcDir[] = "/data/vendor/nfc/";
 constexpr off_t kLimit = 15L * 1024 * 1024;
 
-struct StorageTest : testing::Test {
-  void SetUp() override {
-    recorder = VekLogRecorder::getInstance();
-    recorder->attchProcess("nfc_process");
-    dir = root.path(kNfcDir);
-    log = dir + "nfc_process.veklog";
-  }
+struct StorageTest : vektest::NfcProcessTest {
   // A log file of size bytes that takes no space: the limit is reached without writing it.
   void sparseLog(off_t size) {
     writeFile(log, "");
@@ -41,12 +34,6 @@ struct StorageTest : testing::Test {
     }
     return names;
   }
-
-  vektest::ScratchRoot root;
-  vektest::DiagCapture& diag = vektest::diagnostics();
-  VekLogRecorder* recorder = nullptr;
-  std::string dir;
-  std::string log;
 };
 
 TEST_F(StorageTest, GzipRoundTripsThroughTheGzipProgram) {

@@ -3,13 +3,9 @@
 # glog and the floor, and write benchmarks/RESULTS.md and benchmarks/threads.png.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(cd "$here/../../../../.." && pwd)
-build=${VEK_BUILD_DIR:-$top/build-bench}
+build=${VEK_BUILD_DIR:-$(cd "$here/../../../../.." && pwd)/build-bench}
 out=$here/../benchmarks
-
-"$here/install_deps.sh" gnuplot-nox python3
-cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$build" -j"$(nproc)" --target vek_bench
+"$here/host_build.sh" "$build" Release vek_bench gnuplot-nox python3
 scratch=$(mktemp -d)
 "$build/nfc/common/opensource/VekLogger/benchmarks/vek_bench" --benchmark_min_time=0.5 \
   --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \

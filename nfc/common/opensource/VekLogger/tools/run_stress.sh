@@ -3,11 +3,7 @@
 # default figures (2 million lines from 8 threads; a writer held for 3 seconds).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(cd "$here/../../../../.." && pwd)
-build=${VEK_BUILD_DIR:-$top/build}
-
-"$here/install_deps.sh"
-cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j"$(nproc)" --target vek_stress
+build=${VEK_BUILD_DIR:-$(cd "$here/../../../../.." && pwd)/build}
+"$here/host_build.sh" "$build" RelWithDebInfo vek_stress
 "$build/nfc/common/opensource/VekLogger/stress/vek_stress" load
 "$build/nfc/common/opensource/VekLogger/stress/vek_stress" slow-storage
