@@ -1,6 +1,7 @@
 // Arbitrary bytes as level, tag and message: the recorded text must split back into exactly
 // the message's lines, each behind a well-formed header of its own, so that no message can
 // forge a line. Tags are the program's constants and hold no line feed.
+#include <android-base/logging.h>
 #include <android-base/properties.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -16,6 +17,7 @@
 namespace {
 
 VekLogRecorder* attachedRecorder() {
+  android::base::SetMinimumLogSeverity(android::base::ERROR);  // no diagnostics per input
   char root[] = "/tmp/vek_fuzz.XXXXXX";
   if (mkdtemp(root) == nullptr) abort();
   setenv("VEK_LOG_ROOT", root, 1);

@@ -1,9 +1,8 @@
 #include "VekLogTestEnv.h"
 
 #include <android-base/file.h>
-#include <android/log.h>
+#include <android-base/logging.h>
 #include <dirent.h>
-#include <fcntl.h>
 #include <ftw.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,9 +14,8 @@
 namespace vektest {
 
 ScratchRoot::ScratchRoot() {
-  const char* tmp = getenv("TMPDIR");
-  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vek.XXXXXX";
-  mRoot = mkdtemp(&pattern[0]);
+  char pattern[] = "/tmp/vek.XXXXXX";
+  mRoot = mkdtemp(pattern);
   setenv("VEK_LOG_ROOT", mRoot.c_str(), 1);
   for (const char* dir : {"/data", "/data/vendor", "/data/vendor/nfc",
                           "/data/vendor/secure_element", "/proc", "/proc/vekdev"}) {
@@ -31,95 +29,61 @@ ScratchRoot::~ScratchRoot() {
       FTW_DEPTH | FTW_PHYS);
 }
 
-namespace {
-
-int priorityOf(android::base::LogSeverity severity) {
-  switch (severity) {
-    case android::base::VERBOSE:
-      return ANDROID_LOG_VERBOSE;
-    case android::base::DEBUG:
-      return ANDROID_LOG_DEBUG;
-    case android::base::INFO:
-      return ANDROID_LOG_INFO;
-    case android::base::WARNING:
-      return ANDROID_LOG_WARN;
-    case android::base::ERROR:
-      return ANDROID_LOG_ERROR;
-    default:
-      return ANDROID_LOG_FATAL;
-  }
-}
-
-}  // namespace
-
-DiagCapture::DiagCapture() {
-  android::base::SetMinimumLogSeverity(android::base::VERBOSE);
-  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-  __android_log_set_logger([](const __android_logger_data* data, const char* message) {
-    DiagCapture& self = diagnostics();
-    std::lock_guard<std::mutex> lock(self.mMutex);
-    self.mLines.push_back({data->priority, data->tag != nullptr ? data->tag : "", message,
-                           data->file != nullptr ? data->file : "", data->line});
-    self.mAdded.notify_all();
-  });
-}
-
-DiagCapture& diagnostics() {
-  static DiagCapture* capture = new DiagCapture;
+LogCapture& platformLog() {
+  static LogCapture* capture = [] {
+    android::base::SetMinimumLogSeverity(android::base::VERBOSE);
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    __android_log_set_logger([](const __android_logger_data* data, const char* message) {
+      LogCapture& self = platformLog();
+      std::lock_guard<std::mutex> lock(self.mMutex);
+      self.mEntries.push_back({data->priority, data->tag != nullptr ? data->tag : "", message,
+                               data->file != nullptr ? data->file : "", data->line});
+      self.mAdded.notify_all();
+    });
+    return new LogCapture;
+  }();
   return *capture;
 }
 
-std::vector<Diagnostic> DiagCapture::all() {
+std::vector<Entry> LogCapture::entries() {
   std::lock_guard<std::mutex> lock(mMutex);
-  return mLines;
+  return mEntries;
 }
 
-std::vector<Diagnostic> DiagCapture::printed() {
-  std::vector<Diagnostic> lines = all();
-  lines.erase(std::remove_if(lines.begin(), lines.end(),
-                             [](const Diagnostic& d) { return !d.mFile.empty(); }),
-              lines.end());
-  return lines;
-}
-
-int DiagCapture::count(android::base::LogSeverity severity, const std::string& text) {
-  std::vector<Diagnostic> lines = all();
-  return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const Diagnostic& d) {
-    return d.mPriority == priorityOf(severity) && d.mText == text;
+int LogCapture::count(int priority, const std::string& text) {
+  std::vector<Entry> all = entries();
+  return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const Entry& e) {
+    return priority == 0 ? e.mText.compare(0, text.size(), text) == 0
+                         : e.mPriority == priority && e.mText == text;
   }));
 }
 
-static int countStarting(const std::vector<Diagnostic>& lines, const std::string& prefix) {
-  return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const Diagnostic& d) {
-    return d.mText.compare(0, prefix.size(), prefix) == 0;
-  }));
-}
-
-int DiagCapture::countPrefix(const std::string& prefix) { return countStarting(all(), prefix); }
-
-void DiagCapture::waitFor(const std::string& prefix, int count) {
+void LogCapture::waitFor(const std::string& prefix) {
   std::unique_lock<std::mutex> lock(mMutex);
-  mAdded.wait(lock, [&] { return countStarting(mLines, prefix) >= count; });
+  mAdded.wait(lock, [&] {
+    return std::any_of(mEntries.begin(), mEntries.end(), [&](const Entry& e) {
+      return e.mText.compare(0, prefix.size(), prefix) == 0;
+    });
+  });
 }
 
 WriterGate::WriterGate(VekLogRecorder* recorder) {
   std::shared_future<void> open = mOpen.get_future().share();
-  std::future<void> entered = mEntered.get_future();
+  std::promise<void> entered;
   {
     std::lock_guard<std::mutex> lock(recorder->mMutex);
-    recorder->mTasks.emplace_back([this, open] {
-      mEntered.set_value();
+    recorder->mTasks.emplace_back([&entered, open] {
+      entered.set_value();
       open.wait();
     });
     recorder->mCondition.notify_one();
   }
-  entered.wait();
+  entered.get_future().wait();
 }
 
 void WriterGate::release() {
-  if (mReleased) return;
+  if (!mReleased) mOpen.set_value();
   mReleased = true;
-  mOpen.set_value();
 }
 
 std::string logText(size_t bytes) {
@@ -146,13 +110,10 @@ bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 std::vector<std::string> listDir(const std::string& dir) {
   std::vector<std::string> names;
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return names;
-  while (dirent* entry = readdir(d)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
+  std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir.c_str()), closedir);
+  while (dirent* entry = d ? readdir(d.get()) : nullptr) {
+    if (entry->d_name[0] != '.') names.push_back(entry->d_name);
   }
-  closedir(d);
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -170,10 +131,8 @@ int writeNow(VekLogRecorder* recorder, const std::string& text) {
 std::string gunzip(const std::string& path) {
   std::string content;
   FILE* pipe = popen(("gzip -dc '" + path + "'").c_str(), "r");
-  if (pipe == nullptr) return content;
   char chunk[65536];
-  size_t got;
-  while ((got = fread(chunk, 1, sizeof(chunk), pipe)) > 0) content.append(chunk, got);
+  for (size_t got; (got = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) content.append(chunk, got);
   EXPECT_EQ(0, pclose(pipe)) << "gzip -dc " << path;
   return content;
 }

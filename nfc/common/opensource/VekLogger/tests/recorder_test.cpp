@@ -7,51 +7,46 @@
 
 #include "VekLogTestEnv.h"
 
-using android::base::INFO;
-using vektest::DiagCapture;
 using vektest::ScratchRoot;
 
 namespace {
 
-constexpr char kLevelProperty[] = "persist.vendor.vek.nfc.log";
+void setLevels(const char* value) {
+  android::base::SetProperty("persist.vendor.vek.nfc.log", value);
+}
 
 TEST(VekLogRecorder, LevelPropertyMapsEachDigitOnItsOwn) {
-  DiagCapture& diag = vektest::diagnostics();
-  struct Case {
+  vektest::LogCapture& diag = vektest::platformLog();
+  const struct {
     const char* mValue;
     int mPrint;
     int mRecord;
-  };
-  const Case cases[] = {{"55", 5, 5}, {"60", 6, 0},  {"3", 3, 5},  {"7x", 5, 5},
-                        {"-1", 5, 1}, {"246", 2, 4}, {"06", 0, 6}, {"", 5, 5}};
+  } cases[] = {{"55", 5, 5}, {"60", 6, 0},  {"3", 3, 5},  {"7x", 5, 5},
+               {"-1", 5, 1}, {"246", 2, 4}, {"06", 0, 6}, {"", 5, 5}};
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  for (const Case& c : cases) {
-    android::base::SetProperty(kLevelProperty, c.mValue);
+  for (const auto& c : cases) {
+    setLevels(c.mValue);
     recorder->initFeatureLevel();
     EXPECT_EQ(c.mPrint, recorder->getPrintLevel()) << '"' << c.mValue << '"';
     EXPECT_EQ(c.mRecord, recorder->getRecordLevel()) << '"' << c.mValue << '"';
+    // Signed comparisons: no threshold passes 7, every threshold passes -1.
+    EXPECT_TRUE(recorder->isNeedPrint(-1) && !recorder->isNeedPrint(7));
   }
-  EXPECT_EQ(1, diag.count(INFO, "initFeatureLevel: mPrintLevel = 2, mRecordLevel = 4"));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_INFO, "initFeatureLevel: mPrintLevel = 2, mRecordLevel = 4"));
 }
 
-TEST(VekLogRecorder, ThresholdQueriesCompareSigned) {
+TEST(VekLogRecorder, RecordQueriesNeedAttachment) {
   ScratchRoot root;
-  android::base::SetProperty(kLevelProperty, "32");
+  setLevels("32");
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  EXPECT_TRUE(recorder->isNeedPrint(-1));
-  EXPECT_TRUE(recorder->isNeedPrint(3));
-  EXPECT_FALSE(recorder->isNeedPrint(4));
-  EXPECT_FALSE(recorder->isNeedPrint(7));
-  EXPECT_FALSE(recorder->isNeedRecord(2)) << "not attached yet";
+  EXPECT_FALSE(recorder->isNeedRecord(2));
   recorder->attchProcess("nfc_process");
-  EXPECT_TRUE(recorder->isNeedRecord(2));
-  EXPECT_TRUE(recorder->isNeedRecord(-1));
-  EXPECT_FALSE(recorder->isNeedRecord(3));
-  EXPECT_FALSE(recorder->isNeedRecord(0));
+  EXPECT_TRUE(recorder->isNeedRecord(2) && recorder->isNeedRecord(-1));
+  EXPECT_FALSE(recorder->isNeedRecord(3) || recorder->isNeedRecord(0));
 }
 
 TEST(VekLogRecorder, ConcurrentFirstCallsShareOneInstanceAndOneRead) {
-  DiagCapture& diag = vektest::diagnostics();
+  vektest::LogCapture& diag = vektest::platformLog();
   std::promise<void> go;
   std::shared_future<void> start = go.get_future().share();
   std::vector<VekLogRecorder*> seen(8);
@@ -71,77 +66,66 @@ TEST(VekLogRecorder, ConcurrentFirstCallsShareOneInstanceAndOneRead) {
 
 TEST(VekLogRecorder, RecordThresholdZeroStartsNoWriter) {
   ScratchRoot root;
-  DiagCapture& diag = vektest::diagnostics();
-  android::base::SetProperty(kLevelProperty, "60");
+  vektest::LogCapture& diag = vektest::platformLog();
+  setLevels("60");
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   recorder->attchProcess("nfc_process");
   EXPECT_FALSE(recorder->mWorker.joinable());
   recorder->record(-1, "T", "negative levels need a writer too");
   EXPECT_TRUE(recorder->mBuffer.empty());
-  EXPECT_TRUE(recorder->saveLogsToFile(true));
   EXPECT_EQ(0, diag.countPrefix("write buffer thread start!"));
 }
 
 TEST(VekLogRecorder, WriterRunsQueuedTasksInOrderWithoutHoldingTheLock) {
   ScratchRoot root;
-  DiagCapture& diag = vektest::diagnostics();
+  vektest::LogCapture& diag = vektest::platformLog();
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   recorder->attchProcess("se_process");
   vektest::WriterGate gate(recorder);
   std::vector<std::future<int>> done;
-  for (const char* text : {"one\n", "two\n", "three\n"}) {
+  for (std::string text : {"one\n", "two\n", "three\n"}) {
     auto promise = std::make_shared<std::promise<int>>();
     done.push_back(promise->get_future());
-    // Taking mMutex here while the writer runs the gate task shows it runs tasks unlocked.
+    // Taking mMutex while the writer runs the gate task shows that tasks run unlocked.
     std::lock_guard<std::mutex> lock(recorder->mMutex);
-    ASSERT_TRUE(recorder->sendBuffToWorker(std::vector<char>(text, text + strlen(text)), promise));
+    recorder->sendBuffToWorker(std::vector<char>(text.begin(), text.end()), promise);
   }
   EXPECT_EQ(3u, recorder->mTasks.size());
   gate.release();
   for (auto& d : done) EXPECT_EQ(0, d.get());
   EXPECT_EQ("one\ntwo\nthree\n",
             vektest::readFile(root.path("/data/vendor/secure_element/se_process.veklog")));
-  EXPECT_EQ(1, diag.count(INFO, "write buffer thread start!"));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_INFO, "write buffer thread start!"));
 }
 
-TEST(VekLogRecorder, AttachSelectsPathsByExactName) {
+TEST(VekLogRecorder, AttachSelectsPathsByExactNameAndKeepsThemForUnknownNames) {
   ScratchRoot root;
-  struct Case {
+  vektest::LogCapture& diag = vektest::platformLog();
+  // One recorder attached again and again; an unknown name keeps the paths it had.
+  const char* const kNfc = "/data/vendor/nfc/";
+  const char* const kSe = "/data/vendor/secure_element/";
+  const struct {
     const char* mName;
     const char* mDir;
-  };
-  const Case known[] = {{"nfc_process", "/data/vendor/nfc/"},
-                        {"nfc_hal_process", "/data/vendor/nfc/"},
-                        {"se_process", "/data/vendor/secure_element/"},
-                        {"se_hal_process", "/data/vendor/secure_element/"}};
-  for (const Case& c : known) {
-    VekLogRecorder recorder;
-    EXPECT_TRUE(recorder.attchProcess(c.mName));
-    EXPECT_EQ(root.path(c.mDir), recorder.mLogDir);
-    EXPECT_EQ(root.path(c.mDir) + c.mName + ".veklog", recorder.mLogFilePath);
-    EXPECT_TRUE(recorder.mAttached);
-  }
-  for (const char* unknown : {"NFC_PROCESS", "nfc_process ", "", "nfc"}) {
-    VekLogRecorder recorder;
-    EXPECT_TRUE(recorder.attchProcess(unknown));
-    EXPECT_TRUE(recorder.mAttached);
-    EXPECT_EQ(unknown, recorder.mProcessName);
-    EXPECT_EQ("", recorder.mLogDir);
-    EXPECT_EQ("", recorder.mLogFilePath);
-  }
-}
-
-TEST(VekLogRecorder, ReattachKeepsKnownPathsAndLogsEachTime) {
-  ScratchRoot root;
-  DiagCapture& diag = vektest::diagnostics();
+    const char* mFile;
+  } steps[] = {{"", "", ""},
+               {"nfc_hal_process", kNfc, "nfc_hal_process.veklog"},
+               {"se_process", kSe, "se_process.veklog"},
+               {"SE_PROCESS", kSe, "se_process.veklog"},
+               {"nfc_process ", kSe, "se_process.veklog"},
+               {"nfc_process", kNfc, "nfc_process.veklog"},
+               {"se_hal_process", kSe, "se_hal_process.veklog"},
+               {"se_hal_process", kSe, "se_hal_process.veklog"}};
   VekLogRecorder recorder;
-  recorder.attchProcess("nfc_process");
-  recorder.attchProcess("nfc_process");
-  EXPECT_EQ(2, diag.count(INFO, "attchProcess nfc_process"));
-  recorder.attchProcess("tool");
-  EXPECT_EQ("tool", recorder.mProcessName);
-  EXPECT_EQ(root.path("/data/vendor/nfc/nfc_process.veklog"), recorder.mLogFilePath);
-  EXPECT_EQ(1, diag.count(INFO, "attchProcess tool"));
+  for (const auto& step : steps) {
+    EXPECT_TRUE(recorder.attchProcess(step.mName));
+    EXPECT_TRUE(recorder.mAttached);
+    EXPECT_EQ(step.mName, recorder.mProcessName);
+    std::string dir = *step.mDir ? root.path(step.mDir) : "";
+    EXPECT_EQ(dir, recorder.mLogDir) << '"' << step.mName << '"';
+    EXPECT_EQ(dir + step.mFile, recorder.mLogFilePath) << '"' << step.mName << '"';
+  }
+  EXPECT_EQ(2, diag.count(ANDROID_LOG_INFO, "attchProcess se_hal_process"));
 }
 
 TEST(VekLogRecorder, QueuedTaskKeepsTheAttachmentItWasQueuedUnder) {
@@ -162,11 +146,11 @@ TEST(VekLogRecorder, QueuedTaskKeepsTheAttachmentItWasQueuedUnder) {
       vektest::readFile(root.path("/data/vendor/secure_element/se_process.veklog")).find("after"));
 }
 
-// The destructor at exit lets the running task finish and drops the queued ones.
+// At exit the destructor lets the running task finish and drops the queued ones. The recorder
+// is made in the child: a fork has no writer thread.
 TEST(VekLogRecorderDeathTest, ExitWhileWriterIsBusyEndsCleanly) {
   ScratchRoot root;
   std::string marker = root.path("/finished");
-  std::string log = root.path("/data/vendor/nfc/nfc_process.veklog");
   GTEST_FLAG_SET(death_test_style, "fast");
   EXPECT_EXIT(
       {
@@ -189,7 +173,7 @@ TEST(VekLogRecorderDeathTest, ExitWhileWriterIsBusyEndsCleanly) {
       },
       testing::ExitedWithCode(0), "");
   EXPECT_EQ("done", vektest::readFile(marker));
-  EXPECT_FALSE(vektest::exists(log));
+  EXPECT_FALSE(vektest::exists(root.path("/data/vendor/nfc/nfc_process.veklog")));
 }
 
 }  // namespace
