@@ -28,7 +28,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr char kTag[] = "NfcCore";
-constexpr size_t kMaxFileSize = 15 * 1024 * 1024;
+constexpr size_t kMaxFileSize = size_t{15} << 20;
 
 std::string gRoot;
 VekLogRecorder* gRecorder = nullptr;

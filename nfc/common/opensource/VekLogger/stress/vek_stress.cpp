@@ -158,6 +158,7 @@ int runLoad(const Options& options, const std::string& root) {
   });
   auto start = Clock::now();
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<size_t>(options.mThreads));
   for (int t = 0; t < options.mThreads; ++t) {
     threads.emplace_back([t, perThread, perSecond, start] {
       for (long seq = 0; seq < perThread; ++seq) {
@@ -205,6 +206,7 @@ int runSlowStorage(const Options& options, const std::string& root) {
   held.get_future().wait();
   auto start = Clock::now();
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<size_t>(options.mThreads));
   for (int t = 0; t < options.mThreads; ++t) {
     threads.emplace_back([t, perThread] {
       for (long seq = 0; seq < perThread; ++seq) logLine(t, seq);

@@ -51,7 +51,7 @@ TEST_F(FaultTest, FullFileSystemThenSpaceFreed) {
     GTEST_SKIP() << "cannot mount a small tmpfs here (needs root): " << strerror(errno);
   }
   std::string filler = dir + "filler";
-  writeFile(filler, std::string(64 * 1024, 'f'));
+  writeFile(filler, std::string(64UL * 1024, 'f'));
   logAndFlush("while full");  // the write fails after the open, which goes unnoticed
   EXPECT_FALSE(inLog("while full"));
   ASSERT_EQ(0, unlink(filler.c_str()));
@@ -97,7 +97,7 @@ TEST_F(FaultTest, UndeletableArchiveFailsEveryRotationUntilRemoved) {
 TEST_F(FaultTest, HugeKernelLogIsAppendedWhole) {
   recorder->attchProcess("nfc_hal_process");
   log = dir + "nfc_hal_process.veklog";
-  std::string klog = vektest::logText(24 * 1024 * 1024);
+  std::string klog = vektest::logText(24UL * 1024 * 1024);
   writeFile(root.path("/proc/vekdev/logger"), klog);
   writeFile(log, "earlier\n");
   EXPECT_TRUE(logAndFlush("with a huge kernel log"));
