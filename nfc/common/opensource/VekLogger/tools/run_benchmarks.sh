@@ -8,7 +8,8 @@ out=$here/../benchmarks
 "$here/host_build.sh" "$build" Release vek_bench gnuplot-nox python3
 scratch=$(mktemp -d)
 "$build/nfc/common/opensource/VekLogger/benchmarks/vek_bench" --benchmark_min_time=0.5 \
-  --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+  --benchmark_repetitions=8 --benchmark_enable_random_interleaving=true \
+  --benchmark_report_aggregates_only=true \
   --benchmark_out="$scratch/bench.json" --benchmark_out_format=json | tee "$scratch/stdout.txt"
 grep -E '^(sustained|rotation|flush|memory):' "$scratch/stdout.txt" > "$scratch/storage.txt"
 python3 "$out/report.py" "$scratch/bench.json" "$scratch/storage.txt" "$scratch"
