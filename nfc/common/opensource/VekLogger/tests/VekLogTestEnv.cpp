@@ -128,13 +128,15 @@ int writeNow(VekLogRecorder* recorder, const std::string& text) {
   return done.get();
 }
 
-std::string gunzip(const std::string& path) {
-  std::string content;
-  FILE* pipe = popen(("gzip -dc '" + path + "'").c_str(), "r");
+std::string runCommand(const std::string& command) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
   char chunk[65536];
-  for (size_t got; (got = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) content.append(chunk, got);
-  EXPECT_EQ(0, pclose(pipe)) << "gzip -dc " << path;
-  return content;
+  for (size_t got; (got = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) output.append(chunk, got);
+  EXPECT_EQ(0, pclose(pipe)) << command;
+  return output;
 }
+
+std::string gunzip(const std::string& path) { return runCommand("gzip -dc '" + path + "'"); }
 
 }  // namespace vektest

@@ -67,6 +67,8 @@ bool exists(const std::string& path);
 std::vector<std::string> listDir(const std::string& dir);  // sorted, without . and ..
 // Queues text as a write task and returns its completion value.
 int writeNow(VekLogRecorder* recorder, const std::string& text);
+// The standard output of a shell command, which must exit with 0.
+std::string runCommand(const std::string& command);
 // Decompresses with the gzip program, as a field engineer would.
 std::string gunzip(const std::string& path);
 

@@ -49,16 +49,6 @@ void runProcess(int index, int in, int out) {
   _exit(0);
 }
 
-std::string run(const std::string& command) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  char chunk[4096];
-  size_t got;
-  while ((got = fread(chunk, 1, sizeof(chunk), pipe)) > 0) output.append(chunk, got);
-  EXPECT_EQ(0, pclose(pipe)) << command;
-  return output;
-}
-
 TEST(Lnav, ReadsArchivesAndActiveFilesOfTwoProcessesInTimeOrder) {
   vektest::ScratchRoot root;
   pid_t pids[2];
@@ -94,12 +84,13 @@ TEST(Lnav, ReadsArchivesAndActiveFilesOfTwoProcessesInTimeOrder) {
   ASSERT_EQ(2, archives) << files;
 
   std::string home = "HOME='" + root.mRoot + "' ";
-  run(home + LNAV " -i '" VEKLOG_FORMAT "'");
-  std::string csv = run(home +
-                        LNAV
-                        " -n -c ';SELECT log_level, pid, tid, tag, log_body FROM veklog' "
-                        "-c ':write-csv-to -'" +
-                        files);
+  vektest::runCommand(home + LNAV " -i '" VEKLOG_FORMAT "'");
+  std::string csv =
+      vektest::runCommand(home +
+                          LNAV
+                          " -n -c ';SELECT log_level, pid, tid, tag, log_body FROM veklog' "
+                          "-c ':write-csv-to -'" +
+                          files);
   std::vector<std::string> lines;
   size_t start = 0;
   for (size_t feed; (feed = csv.find('\n', start)) != std::string::npos; start = feed + 1) {

@@ -35,16 +35,6 @@ TEST(VekLogRecorder, LevelPropertyMapsEachDigitOnItsOwn) {
   EXPECT_EQ(1, diag.count(ANDROID_LOG_INFO, "initFeatureLevel: mPrintLevel = 2, mRecordLevel = 4"));
 }
 
-TEST(VekLogRecorder, RecordQueriesNeedAttachment) {
-  ScratchRoot root;
-  setLevels("32");
-  VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  EXPECT_FALSE(recorder->isNeedRecord(2));
-  recorder->attchProcess("nfc_process");
-  EXPECT_TRUE(recorder->isNeedRecord(2) && recorder->isNeedRecord(-1));
-  EXPECT_FALSE(recorder->isNeedRecord(3) || recorder->isNeedRecord(0));
-}
-
 TEST(VekLogRecorder, ConcurrentFirstCallsShareOneInstanceAndOneRead) {
   vektest::LogCapture& diag = vektest::platformLog();
   std::promise<void> go;
