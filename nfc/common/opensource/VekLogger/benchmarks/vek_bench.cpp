@@ -4,6 +4,7 @@
 #include <android-base/properties.h>
 #include <android/log.h>
 #include <benchmark/benchmark.h>
+#include <ftw.h>
 #include <glog/logging.h>
 #include <spdlog/async.h>
 #include <spdlog/sinks/rotating_file_sink.h>
@@ -268,5 +269,8 @@ int main(int argc, char** argv) {
   rotationAgainstGzip();
   flushLatency();
   peakRss();
+  nftw(
+      gRoot.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
+      FTW_DEPTH | FTW_PHYS);
   return 0;
 }

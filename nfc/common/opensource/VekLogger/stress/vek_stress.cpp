@@ -12,6 +12,7 @@
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android/log.h>
+#include <ftw.h>
 #include <getopt.h>
 #include <malloc.h>
 #include <stdio.h>
@@ -52,6 +53,12 @@ void platformLog(const __android_logger_data* data, const char* message) {
       strncmp(message, "saving logs timeout!", 20) != 0) {
     if (gErrors++ == 0) fprintf(stderr, "library error: %s\n", message);
   }
+}
+
+void removeTree(const std::string& root) {
+  nftw(
+      root.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
+      FTW_DEPTH | FTW_PHYS);
 }
 
 std::string makeRoot() {
@@ -227,6 +234,10 @@ int runSlowStorage(const Options& options, const std::string& root) {
   std::string text = readLogs(root);
   bool ok = drained && gErrors == 0 && gRotations == 0 &&
             checkLines(text, options.mThreads, perThread, false, &present);
+  if (!ok) {
+    fprintf(stderr, "drained %d, errors %ld, rotations %ld, %zu bytes read\n", drained,
+            gErrors.load(), gRotations.load(), text.size());
+  }
   printf(
       "slow storage: writer held %d s; %ld lines from %d threads logged in %.2f s without "
       "waiting; %zu batches queued holding %.1f MiB of heap for %.1f MiB of text; "
@@ -249,6 +260,7 @@ int runSlowStorage(const Options& options, const std::string& root) {
 int main(int argc, char** argv) {
   if (argc < 2) usage();
   std::string mode = argv[1];
+  if (mode != "load" && mode != "slow-storage") usage();
   Options options;
   if (mode == "slow-storage") {
     options.mLines = 120000;  // under the size limit: no rotation while the writer catches up
@@ -285,7 +297,8 @@ int main(int argc, char** argv) {
   __android_log_set_logger(platformLog);
   android::base::SetProperty("persist.vendor.vek.nfc.log", "55");
   VekLogRecorder::getInstance()->attchProcess("se_process");
-  if (mode == "load") return runLoad(options, root);
-  if (mode == "slow-storage") return runSlowStorage(options, root);
-  usage();
+  int status = mode == "load" ? runLoad(options, root) : runSlowStorage(options, root);
+  // The files are only evidence while a check fails.
+  if (status == 0) removeTree(root);
+  return status;
 }

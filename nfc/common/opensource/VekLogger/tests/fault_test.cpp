@@ -146,12 +146,13 @@ TEST(FaultDeathTest, ExitWhileCompressingEndsCleanly) {
   GTEST_FLAG_SET(death_test_style, "fast");
   EXPECT_EXIT(
       {
+        vektest::LogCapture& diag = vektest::platformLog();  // before the writer can log
         VekLogRecorder* recorder = VekLogRecorder::getInstance();
         recorder->attchProcess("nfc_process");
         recorder->record(4, "Fault", "last line");
         recorder->record(4, "Fault", std::string(200, 'e'));
         recorder->saveLogsToFile(false);
-        vektest::platformLog().waitFor("fileSize is full: ");
+        diag.waitFor("fileSize is full: ");
         exit(0);
       },
       testing::ExitedWithCode(0), "");
