@@ -1,8 +1,6 @@
 // The recorder object: thresholds, attachment and the writer thread.
 #include <cutils/properties.h>
 
-#include <system_error>
-
 #include "VekLogDiag.h"
 #include "VekLogPlatform.h"
 #include "VekLogger.h"
@@ -62,15 +60,7 @@ VekLogRecorder::VekLogRecorder()
   mAttached = false;
   mMaxFileSize = kMaxFileSize;
   mFlushThreshold = kFlushThreshold;
-  if (mRecordLevel == 0) return;
-  // The one exception this library handles: std::thread reports a failed start only by
-  // throwing, and the host process must carry on. Without a writer nothing may be recorded.
-  try {
-    mWorker = std::thread(writerLoop, this);
-  } catch (const std::system_error&) {
-    mRecordLevel = 0;
-    VEK_DIAG(ERROR) << "write buffer thread failed to start!";
-  }
+  if (mRecordLevel != 0) mWorker = std::thread(writerLoop, this);
 }
 
 VekLogRecorder::~VekLogRecorder() {

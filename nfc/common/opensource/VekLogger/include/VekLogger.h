@@ -22,8 +22,9 @@
 // - Shutdown: the recorder's destructor (process exit or library unload) asks the writer to
 //   stop and joins it. A task that is running completes; queued tasks and buffered text are
 //   discarded. Flush with __vek_save_log_now() before exiting to keep them.
-// - A writer thread that cannot be started leaves the record threshold at 0: the process goes
-//   on printing, nothing is recorded, and no exception leaves the library.
+// - A writer thread that cannot be started ends the process: the library is built without
+//   exceptions, which is the only way std::thread reports the failure. A process that cannot
+//   start one thread at its first log call cannot serve NFC either; init restarts it.
 // - Re-attaching is safe while tasks run: a write task keeps the process name and paths that
 //   were current when it was queued.
 // - Negative levels are recorded (with an empty level letter) only while the record threshold

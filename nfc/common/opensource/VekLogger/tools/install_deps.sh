@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the host build needs, plus any named as arguments, when missing.
+# Installs the Debian packages the library and its tests build with, plus any named as
+# arguments, when missing.
 set -euo pipefail
 
-packages=(cmake g++ libgtest-dev android-libbase-dev android-liblog-dev zlib1g-dev gzip
-  libbenchmark-dev libspdlog-dev libgoogle-glog-dev lnav pkgconf "$@")
+packages=(cmake g++ pkgconf libgtest-dev android-libbase-dev android-liblog-dev zlib1g-dev "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed" || missing+=("$package")

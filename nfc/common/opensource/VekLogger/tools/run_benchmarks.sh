@@ -5,7 +5,8 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=${VEK_BUILD_DIR:-$(cd "$here/../../../../.." && pwd)/build-bench}
 out=$here/../benchmarks
-"$here/host_build.sh" "$build" Release vek_bench gnuplot-nox python3
+VEK_CMAKE_OPTIONS=-DVEK_BENCHMARKS=ON "$here/host_build.sh" "$build" Release vek_bench \
+  libbenchmark-dev libspdlog-dev libgoogle-glog-dev gzip gnuplot-nox python3
 scratch=$(mktemp -d)
 "$build/nfc/common/opensource/VekLogger/benchmarks/vek_bench" --benchmark_min_time=0.5 \
   --benchmark_repetitions=8 --benchmark_enable_random_interleaving=true \

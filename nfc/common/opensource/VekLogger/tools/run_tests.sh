@@ -20,10 +20,11 @@ case "$variant" in
 esac
 build=${VEK_BUILD_DIR:-$build}
 
+# gzip and lnav: tests read the archives as a field engineer would.
 if [ "$variant" = plain ]; then
-  "$here/install_deps.sh"
+  "$here/install_deps.sh" gzip lnav
 else
-  "$here/install_deps.sh" clang libclang-rt-14-dev
+  "$here/install_deps.sh" gzip lnav clang libclang-rt-14-dev
   export CC=clang CXX=clang++
 fi
 export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
