@@ -8,61 +8,75 @@
 
 namespace {
 
-// What a logging thread keeps between calls, so that a call allocates nothing in the common
-// case: a formatting buffer, and the message and tag strings with their capacity.
-struct CallScratch {
-  char mText[1024];
-  std::string mMessage;
-  std::string mTag;
+constexpr size_t kStackText = 1024;
+
+// The platform's names of levels 1 (fatal) to 6 (verbose); other levels are never printed.
+struct PlatformLevel {
+  int mPriority;
+  android::base::LogSeverity mSeverity;
 };
+constexpr PlatformLevel kPlatformLevels[] = {
+    {ANDROID_LOG_FATAL, android::base::FATAL},  {ANDROID_LOG_ERROR, android::base::ERROR},
+    {ANDROID_LOG_WARN, android::base::WARNING}, {ANDROID_LOG_INFO, android::base::INFO},
+    {ANDROID_LOG_DEBUG, android::base::DEBUG},  {ANDROID_LOG_VERBOSE, android::base::VERBOSE}};
 
-// Formats in full (no length limit), records, then prints when the print threshold allows.
-// The text is formatted once into the thread's buffer, and again only when it is longer.
-void logFormatted(int level, int priority, const char* tag, const char* fmt, va_list args) {
-  thread_local CallScratch scratch;
-  va_list measure;
-  va_copy(measure, args);
-  int length = vsnprintf(scratch.mText, sizeof(scratch.mText), fmt, measure);
-  va_end(measure);
-  if (length <= 0) return;
-  std::string& message = scratch.mMessage;
-  if (static_cast<size_t>(length) < sizeof(scratch.mText)) {
-    message.assign(scratch.mText, static_cast<size_t>(length));
-  } else {
-    message.resize(static_cast<size_t>(length));
-    vsnprintf(&message[0], message.size() + 1, fmt, args);
-  }
-  scratch.mTag.assign(tag);
-
-  VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  recorder->record(level, scratch.mTag, message);
-  if (recorder->mPrintLevel >= level) __android_log_print(priority, tag, "%s", message.c_str());
+const PlatformLevel* platformLevel(int level) {
+  return level >= 1 && level <= 6 ? &kPlatformLevels[level - 1] : nullptr;
 }
 
-bool severityOf(int level, android::base::LogSeverity* severity) {
-  static const android::base::LogSeverity kSeverities[] = {
-      android::base::FATAL, android::base::ERROR, android::base::WARNING,
-      android::base::INFO,  android::base::DEBUG, android::base::VERBOSE};
-  if (level < 1 || level > 6) return false;
-  *severity = kSeverities[level - 1];
-  return true;
+// Prints a message that came back into the library from its own diagnostic. It is not
+// recorded, and not checked against the print threshold: the recorder may be under
+// construction on this very thread, and the platform already chose to log the diagnostic.
+void printComingBack(int priority, const char* tag, const char* text) {
+  vek::ScopedInside printing(vek::Inside::kPrinting);
+  __android_log_print(priority, tag, "%s", text);
+}
+
+// Records and prints text, formatted in full (no length limit) by the caller.
+void logText(int level, const char* tag, const char* text, size_t length) {
+  int priority = platformLevel(level)->mPriority;
+  if (vek::tInside == vek::Inside::kDiagnostic) return printComingBack(priority, tag, text);
+  VekLogRecorder* recorder = VekLogRecorder::getInstance();
+  vek::recordText(*recorder, level, tag, std::string_view(text, length));
+  if (recorder->mPrintLevel < level) return;
+  vek::ScopedInside printing(vek::Inside::kPrinting);
+  __android_log_print(priority, tag, "%s", text);
+}
+
+// Formats into the stack, or once more into the heap when the text is longer. A null tag is
+// an empty one, as the platform log takes it; a null format logs nothing.
+void logFormatted(int level, const char* tag, const char* fmt, va_list args) {
+  if (fmt == nullptr || vek::tInside == vek::Inside::kPrinting) return;
+  if (tag == nullptr) tag = "";
+  char text[kStackText];
+  va_list measure;
+  va_copy(measure, args);
+  int length = vsnprintf(text, sizeof(text), fmt, measure);
+  va_end(measure);
+  if (length <= 0) return;
+  if (static_cast<size_t>(length) < sizeof(text)) {
+    return logText(level, tag, text, static_cast<size_t>(length));
+  }
+  std::string message(static_cast<size_t>(length), '\0');
+  vsnprintf(&message[0], message.size() + 1, fmt, args);
+  logText(level, tag, message.c_str(), message.size());
 }
 
 }  // namespace
 
-#define VEK_LOG_ENTRY_POINT(name, level, priority)              \
+#define VEK_LOG_ENTRY_POINT(name, level)                        \
   extern "C" void name(const char* tag, const char* fmt, ...) { \
     va_list args;                                               \
     va_start(args, fmt);                                        \
-    logFormatted(level, priority, tag, fmt, args);              \
+    logFormatted(level, tag, fmt, args);                        \
     va_end(args);                                               \
   }
 
-VEK_LOG_ENTRY_POINT(__vek_log_v, 6, ANDROID_LOG_VERBOSE)
-VEK_LOG_ENTRY_POINT(__vek_log_d, 5, ANDROID_LOG_DEBUG)
-VEK_LOG_ENTRY_POINT(__vek_log_i, 4, ANDROID_LOG_INFO)
-VEK_LOG_ENTRY_POINT(__vek_log_w, 3, ANDROID_LOG_WARN)
-VEK_LOG_ENTRY_POINT(__vek_log_e, 2, ANDROID_LOG_ERROR)
+VEK_LOG_ENTRY_POINT(__vek_log_v, VEK_LEVEL_VERBOSE)
+VEK_LOG_ENTRY_POINT(__vek_log_d, VEK_LEVEL_DEBUG)
+VEK_LOG_ENTRY_POINT(__vek_log_i, VEK_LEVEL_INFO)
+VEK_LOG_ENTRY_POINT(__vek_log_w, VEK_LEVEL_WARNING)
+VEK_LOG_ENTRY_POINT(__vek_log_e, VEK_LEVEL_ERROR)
 
 extern "C" bool __vek_save_log_now(void) {
   return VekLogRecorder::getInstance()->saveLogsToFile(true);
@@ -74,16 +88,23 @@ VekLogAdapter::VekLogAdapter(int level, const char* file, int line)
 std::ostringstream& VekLogAdapter::stream() { return mStream; }
 
 VekLogAdapter::~VekLogAdapter() {
+  if (vek::tInside == vek::Inside::kPrinting) return;
   std::string text = mStream.str();
+  const PlatformLevel* platform = platformLevel(mLevel);
+  if (vek::tInside == vek::Inside::kDiagnostic) {
+    if (platform != nullptr) printComingBack(platform->mPriority, "", text.c_str());
+    return;
+  }
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   // Appended rather than formatted with "%s" so that text keeps any NUL bytes it holds.
   recorder->record(mLevel, std::string(),
                    android::base::StringPrintf("[%s(%d)] ", mFile, mLine) + text);
   // Printing at FATAL ends the process: get the message onto storage first.
   if (mLevel == 1) recorder->saveLogsToFile(true);
-  android::base::LogSeverity severity;
-  if (recorder->mPrintLevel >= mLevel && severityOf(mLevel, &severity)) {
-    android::base::LogMessage(mFile, static_cast<unsigned int>(mLine), severity, nullptr, -1)
+  if (recorder->mPrintLevel >= mLevel && platform != nullptr) {
+    vek::ScopedInside printing(vek::Inside::kPrinting);
+    android::base::LogMessage(mFile, static_cast<unsigned int>(mLine), platform->mSeverity, nullptr,
+                              -1)
             .stream()
         << text;
   }

@@ -7,6 +7,7 @@
 #include <chrono>
 
 #include "VekLogDiag.h"
+#include "VekLogLifecycle.h"
 #include "VekLogger.h"
 
 namespace {
@@ -81,7 +82,7 @@ char* formatHeader(char* out, int level, const LineIds& ids) {
 
 // Appends one whole line: header, tag, ": ", text and a line feed. A line of ordinary length
 // is put together on the stack and appended with one copy.
-void appendLine(std::vector<char>& buffer, int level, const LineIds& ids, const std::string& tag,
+void appendLine(std::vector<char>& buffer, int level, const LineIds& ids, std::string_view tag,
                 const char* text, size_t length) {
   char line[512];
   char* out = formatHeader(line, level, ids);
@@ -105,39 +106,60 @@ void appendLine(std::vector<char>& buffer, int level, const LineIds& ids, const 
 
 }  // namespace
 
-void VekLogRecorder::record(int level, const std::string& tag, const std::string& message) {
+namespace vek {
+
+void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
+                std::string_view message) {
   // The thresholds never change after construction, so they are checked before the lock.
   // Threshold 0 means no writer thread: even a negative level must not queue a task then.
-  if (level == 0 || mRecordLevel < level || mRecordLevel == 0 || message.empty()) return;
+  int threshold = recorder.mRecordLevel;
+  if (level == 0 || threshold < level || threshold == 0 || message.empty()) return;
+  UserScope user(recorder);
+  if (!user.mEntered) return;
   // The first line's system calls are made before the lock, which then covers the clock, the
   // formatting and the append only; threads that log at once wait less for each other.
   LineIds ids = readIds();
-  std::lock_guard<std::mutex> lock(mMutex);
-  if (!mAttached) return;
-  const std::string& lineTag = tag.empty() ? mProcessName : tag;
+  std::lock_guard<std::mutex> lock(recorder.mMutex);
+  if (!recorder.mAttached) return;
+  std::string_view lineTag = tag.empty() ? std::string_view(recorder.mProcessName) : tag;
+  std::vector<char>& buffer = recorder.mBuffer;
   size_t start = 0;
   while (start < message.size()) {
     size_t feed = message.find('\n', start);
-    size_t stop = feed == std::string::npos ? message.size() : feed;
+    size_t stop = feed == std::string_view::npos ? message.size() : feed;
     if (start != 0) ids = readIds();
-    if (mBuffer.capacity() == 0) mBuffer.reserve(mFlushThreshold + kBatchSlack);
-    appendLine(mBuffer, level, ids, lineTag, message.data() + start, stop - start);
-    if (mBuffer.size() > mFlushThreshold) sendBuffToWorker(std::move(mBuffer), nullptr);
+    if (buffer.capacity() == 0) buffer.reserve(recorder.mFlushThreshold + kBatchSlack);
+    appendLine(buffer, level, ids, lineTag, message.data() + start, stop - start);
+    if (buffer.size() > recorder.mFlushThreshold) {
+      recorder.sendBuffToWorker(std::move(buffer), nullptr);
+    }
     start = stop + 1;
   }
+}
+
+}  // namespace vek
+
+void VekLogRecorder::record(int level, const std::string& tag, const std::string& message) {
+  vek::recordText(*this, level, tag, message);
 }
 
 bool VekLogRecorder::saveLogsToFile(bool wait) {
   auto promise = std::make_shared<std::promise<int>>();
   std::future<int> done = promise->get_future();
-  bool queued;
+  size_t size = 0;
+  bool attached = false;
+  bool queued = false;
   {
+    vek::UserScope user(*this);
+    if (!user.mEntered) return false;
     std::lock_guard<std::mutex> lock(mMutex);
-    VEK_DIAG(INFO) << "saveLogsToFile size: " << mBuffer.size();
-    if (!mAttached) return false;
-    if (mBuffer.empty()) return true;
-    queued = sendBuffToWorker(std::move(mBuffer), promise);
+    size = mBuffer.size();
+    attached = mAttached;
+    if (attached && size != 0) queued = sendBuffToWorker(std::move(mBuffer), promise);
   }
+  VEK_DIAG(INFO) << "saveLogsToFile size: " << size;
+  if (!attached) return false;
+  if (size == 0) return true;
   if (!wait) return queued;
   if (done.wait_for(kFlushTimeout) != std::future_status::ready) {
     VEK_DIAG(ERROR) << "saving logs timeout!";

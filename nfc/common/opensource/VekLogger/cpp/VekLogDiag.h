@@ -5,16 +5,20 @@
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 
+#include "VekLogLifecycle.h"
+
 namespace vek {
 
 // One diagnostic line with no tag of its own and no errno suffix. errno is restored once the
-// line has been written, so a diagnostic never changes what the failing call left there.
+// line has been written, so a diagnostic never changes what the failing call left there. While
+// it is written, a platform logger that forwards it back into the library finds it marked.
 struct Diag {
   Diag(const char* file, unsigned int line, android::base::LogSeverity severity)
-      : mMessage(file, line, severity, nullptr, -1) {}
+      : mInside(Inside::kDiagnostic), mMessage(file, line, severity, nullptr, -1) {}
   std::ostream& stream() { return mMessage.stream(); }
 
   android::base::ErrnoRestorer mErrnoRestorer;
+  ScopedInside mInside;
   android::base::LogMessage mMessage;
 };
 

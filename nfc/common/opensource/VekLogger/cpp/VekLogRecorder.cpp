@@ -2,6 +2,7 @@
 #include <cutils/properties.h>
 
 #include "VekLogDiag.h"
+#include "VekLogLifecycle.h"
 #include "VekLogPlatform.h"
 #include "VekLogger.h"
 
@@ -25,27 +26,12 @@ constexpr KnownProcess kKnownProcesses[] = {
 
 int levelOfDigit(char digit) { return digit >= '0' && digit <= '6' ? digit - '0' : kDefaultLevel; }
 
-// Runs queued tasks one at a time, in order, with mMutex released while a task runs.
-void writerLoop(VekLogRecorder* recorder) {
-  VEK_DIAG(INFO) << "write buffer thread start!";
-  for (;;) {
-    std::function<void()> task;
-    {
-      std::unique_lock<std::mutex> lock(recorder->mMutex);
-      recorder->mCondition.wait(
-          lock, [recorder] { return recorder->mStopWriter || !recorder->mTasks.empty(); });
-      if (recorder->mStopWriter) return;
-      task = std::move(recorder->mTasks.front());
-      recorder->mTasks.pop_front();
-    }
-    task();
-  }
-}
-
 }  // namespace
 
 VekLogRecorder* VekLogRecorder::getInstance() {
   static VekLogRecorder instance;
+  static const bool forkSafe = (vek::installForkHandlers(), true);
+  (void)forkSafe;
   return &instance;
 }
 
@@ -55,22 +41,16 @@ VekLogRecorder::VekLogRecorder()
       mRecordLevel(kDefaultLevel),
       mMaxFileSize(0),
       mFlushThreshold(0),
-      mStopWriter(false) {
+      mStopWriter(false),
+      mRestartWriter(false),
+      mClosed(false),
+      mUsers(0),
+      mWriterState(vek::kWriterIdle) {
   initFeatureLevel();
   mAttached = false;
   mMaxFileSize = kMaxFileSize;
   mFlushThreshold = kFlushThreshold;
-  if (mRecordLevel != 0) mWorker = std::thread(writerLoop, this);
-}
-
-VekLogRecorder::~VekLogRecorder() {
-  if (!mWorker.joinable()) return;
-  {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mStopWriter = true;
-  }
-  mCondition.notify_one();
-  mWorker.join();
+  if (mRecordLevel != 0) vek::startWriter(*this);
 }
 
 void VekLogRecorder::initFeatureLevel() {
@@ -100,6 +80,8 @@ int VekLogRecorder::getRecordLevel() { return mRecordLevel; }
 
 bool VekLogRecorder::attchProcess(const std::string& processName) {
   {
+    vek::UserScope user(*this);
+    if (!user.mEntered) return true;
     // Under mMutex so that record and sendBuffToWorker never see the strings change halfway.
     std::lock_guard<std::mutex> lock(mMutex);
     mProcessName = processName;

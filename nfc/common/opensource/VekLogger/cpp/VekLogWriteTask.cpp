@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "VekLogDiag.h"
+#include "VekLogLifecycle.h"
 #include "VekLogPlatform.h"
 #include "VekLogStorage.h"
 #include "VekLogger.h"
@@ -74,6 +75,10 @@ bool VekLogRecorder::sendBuffToWorker(std::vector<char>&& buff,
   if (buff.empty()) {
     VEK_DIAG(WARNING) << "writting invalid buffer";
     return false;
+  }
+  if (mRestartWriter) {
+    mRestartWriter = false;
+    vek::startWriter(*this);
   }
   mTasks.emplace_back(
       [target = vek::currentTarget(*this), text = std::move(buff),

@@ -19,9 +19,25 @@
 // library creates no directories. Host builds prefix these paths with $VEK_LOG_ROOT.
 //
 // Choices this library makes where the platform leaves room:
-// - Shutdown: the recorder's destructor (process exit or library unload) asks the writer to
-//   stop and joins it. A task that is running completes; queued tasks and buffered text are
-//   discarded. Flush with __vek_save_log_now() before exiting to keep them.
+// - Lifecycle. The recorder lives in static storage until the process ends or the library is
+//   unloaded. Its destructor turns new callers away (mClosed), waits for those already inside
+//   a hand-over, stops the writer and joins it. A task that is running may finish for up to 2 s;
+//   a writer still busy then (a kernel log node that blocks, a slow rotation) is left behind
+//   and never touches the recorder again, so exit is never held up for longer. Queued tasks
+//   and buffered text are discarded: flush with __vek_save_log_now() before a planned exit.
+//   A log call after the destructor (a static destructor, an atexit handler, another thread
+//   during exit) is printed and not recorded. No per-thread state has a destructor, so a
+//   thread_local object may log from its own destructor.
+// - fork(): the child gets a working recorder: a fresh lock and condition variable, and its own
+//   writer, started by its first hand-over. The parent's queued and buffered text is the
+//   parent's to write; the child drops its copy, so no line is written twice.
+// - A log call that comes back into the library on the same thread, through a platform logger
+//   that forwards into it, is not recorded: one that comes from the library's own diagnostic
+//   is printed (through liblog, without the threshold check), and one that comes from the
+//   library's own printing is dropped, since the platform log already has it. Diagnostics are
+//   written with mMutex released, so nothing here can deadlock on it. (A logger of
+//   android::base that forwards into VEK_LOG still deadlocks in libbase itself, which holds its
+//   logging lock while a logger runs, as it does for LOG() there.)
 // - A writer thread that cannot be started ends the process: the library is built without
 //   exceptions, which is the only way std::thread reports the failure. A process that cannot
 //   start one thread at its first log call cannot serve NFC either; init restarts it.
@@ -42,6 +58,7 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -130,6 +147,13 @@ class VEK_EXPORT VekLogRecorder {
   std::deque<std::function<void()>> mTasks;
   // Set under mMutex by the destructor; the writer leaves its loop when it sees it.
   bool mStopWriter;
+  // Set by a forked child whose parent had a writer: its first hand-over starts its own.
+  bool mRestartWriter;
+  // Read and written without mMutex. The storage outlives the destructor, so late callers
+  // still find mClosed set and leave without touching anything else.
+  std::atomic<bool> mClosed;
+  std::atomic<int> mUsers;        // threads inside record, a flush's hand-over or attchProcess
+  std::atomic<int> mWriterState;  // idle, running a task, or left behind by the destructor
 };
 
 // Logs one message written to stream(); the destructor records "[file(line)] text" and prints

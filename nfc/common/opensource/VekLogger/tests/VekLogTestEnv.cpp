@@ -2,6 +2,7 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/properties.h>
 #include <dirent.h>
 #include <ftw.h>
 #include <stdio.h>
@@ -13,9 +14,11 @@
 
 namespace vektest {
 
+// Under $TMPDIR when set (a device's test runner sets /data/local/tmp), else /tmp.
 ScratchRoot::ScratchRoot() {
-  char pattern[] = "/tmp/vek.XXXXXX";
-  mRoot = mkdtemp(pattern);
+  const char* tmp = getenv("TMPDIR");
+  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vek.XXXXXX";
+  mRoot = mkdtemp(&pattern[0]);
   setenv("VEK_LOG_ROOT", mRoot.c_str(), 1);
   for (const char* dir : {"/data", "/data/vendor", "/data/vendor/nfc",
                           "/data/vendor/secure_element", "/proc", "/proc/vekdev"}) {
@@ -43,6 +46,11 @@ LogCapture& platformLog() {
     return new LogCapture;
   }();
   return *capture;
+}
+
+void LogCapture::clear() {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mEntries.clear();
 }
 
 std::vector<Entry> LogCapture::entries() {
@@ -138,5 +146,24 @@ std::string runCommand(const std::string& command) {
 }
 
 std::string gunzip(const std::string& path) { return runCommand("gzip -dc '" + path + "'"); }
+
+void NfcProcessTest::SetUp() {
+  recorder = VekLogRecorder::getInstance();
+  setLevels("55");
+  WriterGate{recorder}.release();  // every task queued before has run
+  {
+    std::lock_guard<std::mutex> lock(recorder->mMutex);
+    recorder->mBuffer.clear();
+  }
+  recorder->attchProcess("nfc_process");
+  dir = root.path("/data/vendor/nfc/");
+  log = dir + "nfc_process.veklog";
+  diag.clear();
+}
+
+void NfcProcessTest::setLevels(const char* value) {
+  android::base::SetProperty("persist.vendor.vek.nfc.log", value);
+  recorder->initFeatureLevel();
+}
 
 }  // namespace vektest

@@ -1,5 +1,5 @@
 // Shared test fixtures: a scratch VEK_LOG_ROOT, the captured platform log, and a way to hold the
-// writer thread. Each test runs in its own process, so the recorder starts fresh every time.
+// writer thread. Every case runs in one process with the others, in any order.
 #pragma once
 
 #include <android/log.h>
@@ -34,10 +34,11 @@ struct Entry {
   unsigned int mLine;
 };
 
-// Every entry from the first use on, verbose included. It lives until the process ends, since
+// Every entry from the first use on, verbose included; it lives until the process ends, since
 // the writer thread may log after a test body has returned.
 struct LogCapture {
   std::vector<Entry> entries();
+  void clear();
   // Entries at priority whose text is text; with priority 0, at any priority starting with it.
   int count(int priority, const std::string& text);
   int countPrefix(const std::string& prefix) { return count(0, prefix); }
@@ -67,24 +68,21 @@ bool exists(const std::string& path);
 std::vector<std::string> listDir(const std::string& dir);  // sorted, without . and ..
 // Queues text as a write task and returns its completion value.
 int writeNow(VekLogRecorder* recorder, const std::string& text);
-// The standard output of a shell command, which must exit with 0.
-std::string runCommand(const std::string& command);
 // Decompresses with the gzip program, as a field engineer would.
 std::string gunzip(const std::string& path);
+// The standard output of a shell command, which must exit with 0.
+std::string runCommand(const std::string& command);
 
-// The recorder attached as "nfc_process" in a fresh scratch root; dir ends in "/".
+// The process's recorder with the default levels, nothing buffered or queued, attached as
+// "nfc_process" in a fresh scratch root, and the capture emptied.
 struct NfcProcessTest : testing::Test {
-  void SetUp() override {
-    recorder = VekLogRecorder::getInstance();
-    recorder->attchProcess("nfc_process");
-    dir = root.path("/data/vendor/nfc/");
-    log = dir + "nfc_process.veklog";
-  }
+  void SetUp() override;
+  void setLevels(const char* value);
 
   ScratchRoot root;
   LogCapture& diag = platformLog();
   VekLogRecorder* recorder = nullptr;
-  std::string dir;
+  std::string dir;  // ends in "/"
   std::string log;
 };
 

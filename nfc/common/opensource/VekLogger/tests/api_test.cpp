@@ -10,12 +10,7 @@ using vektest::readFile;
 
 namespace {
 
-struct ApiTest : testing::Test {
-  void start(const char* levels) {
-    android::base::SetProperty("persist.vendor.vek.nfc.log", levels);
-    VekLogRecorder::getInstance()->attchProcess("se_hal_process");
-    log = root.path("/data/vendor/secure_element/se_hal_process.veklog");
-  }
+struct ApiTest : vektest::NfcProcessTest {
   // The entries of __android_log_print, which carry no source file.
   std::vector<vektest::Entry> printed() {
     std::vector<vektest::Entry> entries;
@@ -28,10 +23,6 @@ struct ApiTest : testing::Test {
     EXPECT_TRUE(__vek_save_log_now());
     return readFile(log);
   }
-
-  vektest::ScratchRoot root;
-  vektest::LogCapture& diag = vektest::platformLog();
-  std::string log;
 };
 
 // Each function prints at its priority when the print threshold passes its level, and
@@ -47,10 +38,8 @@ TEST_F(ApiTest, FunctionsPrintAndRecordByTheirThresholds) {
                    {__vek_log_i, 4, ANDROID_LOG_INFO, 'I'},
                    {__vek_log_w, 3, ANDROID_LOG_WARN, 'W'},
                    {__vek_log_e, 2, ANDROID_LOG_ERROR, 'E'}};
-  start("66");
   for (std::string levels : {"66", "55", "05"}) {
-    android::base::SetProperty("persist.vendor.vek.nfc.log", levels);
-    VekLogRecorder::getInstance()->initFeatureLevel();
+    setLevels(levels.c_str());
     size_t seen = printed().size();
     for (const auto& f : functions) f.mLog("T", "%s %c", levels.c_str(), f.mLetter);
     std::vector<vektest::Entry> got = printed();
@@ -72,28 +61,25 @@ TEST_F(ApiTest, FunctionsPrintAndRecordByTheirThresholds) {
 }
 
 TEST_F(ApiTest, MessagesArePrintedWholeAndLiterally) {
-  start("55");
   std::string big(6000, 'b');
+  const char* none = nullptr;
   __vek_log_i("T", "%s", "100% done %d %n");
   __vek_log_i("T", "%s|", big.c_str());
+  __vek_log_i(none, "%s", "a null tag is an empty one");
+  __vek_log_i("T", none, 0);
   std::vector<vektest::Entry> got = printed();
-  ASSERT_EQ(2u, got.size());
+  ASSERT_EQ(3u, got.size());
+  EXPECT_EQ("", got[2].mTag);
   EXPECT_EQ("100% done %d %n", got[0].mText);
   // liblog cuts entries at its own buffer size; up to there the text is ours, unformatted.
   EXPECT_GE(got[1].mText.size(), 1000u);
   EXPECT_EQ(0u, (big + "|").find(got[1].mText));
-  EXPECT_NE(std::string::npos, flushed().find("T: " + big + "|\n"));
-}
-
-TEST_F(ApiTest, EmptyMessageDoesNotCreateTheRecorder) {
-  const char* empty = "";
-  __vek_log_e("T", empty, 0);
-  EXPECT_TRUE(printed().empty());
-  EXPECT_EQ(0, diag.countPrefix("initFeatureLevel: "));
+  std::string file = flushed();
+  EXPECT_NE(std::string::npos, file.find("T: " + big + "|\n"));
+  EXPECT_NE(std::string::npos, file.find(" I nfc_process: a null tag is an empty one\n"));
 }
 
 TEST_F(ApiTest, StreamLoggerRecordsItsLocationAndPrintsTheBareText) {
-  start("55");
   VekLogAdapter(4, "Main", 7).stream() << "ready";
   VekLogAdapter(4, "Main", 8).stream() << "two\nlines";
   int line = __LINE__ + 1;
@@ -120,29 +106,13 @@ TEST_F(ApiTest, StreamLoggerRecordsItsLocationAndPrintsTheBareText) {
   EXPECT_EQ(static_cast<unsigned>(line), out[3].mLine);
 
   std::string file = flushed();
-  EXPECT_NE(std::string::npos, file.find(" I se_hal_process: [Main(7)] ready\n"));
-  EXPECT_NE(std::string::npos, file.find(" I se_hal_process: [Main(8)] two\n"));
-  EXPECT_NE(std::string::npos, file.find(" I se_hal_process: lines\n"));
-  EXPECT_NE(std::string::npos, file.find(" W se_hal_process: [" + std::string(__FILE__) + "(" +
+  EXPECT_NE(std::string::npos, file.find(" I nfc_process: [Main(7)] ready\n"));
+  EXPECT_NE(std::string::npos, file.find(" I nfc_process: [Main(8)] two\n"));
+  EXPECT_NE(std::string::npos, file.find(" I nfc_process: lines\n"));
+  EXPECT_NE(std::string::npos, file.find(" W nfc_process: [" + std::string(__FILE__) + "(" +
                                          std::to_string(line) + ")] macro\n"));
   EXPECT_EQ(std::string::npos, file.find("level"));
   EXPECT_EQ(std::string::npos, file.find("above"));
-}
-
-TEST_F(ApiTest, FatalStreamMessageReachesTheFileBeforeTheProcessEnds) {
-  std::string path = root.path("/data/vendor/secure_element/se_hal_process.veklog");
-  GTEST_FLAG_SET(death_test_style, "fast");
-  EXPECT_DEATH(
-      {
-        start("55");
-        VEK_LOG(INFO) << "buffered before";
-        VEK_LOG(FATAL) << "last words";
-      },
-      "");
-  std::string file = readFile(path);
-  EXPECT_NE(std::string::npos, file.find("buffered before\n"));
-  EXPECT_NE(std::string::npos, file.find(" F se_hal_process: ["));
-  EXPECT_NE(std::string::npos, file.find("last words\n"));
 }
 
 }  // namespace

@@ -34,15 +34,27 @@ struct FaultTest : vektest::NfcProcessTest {
   }
 };
 
-TEST_F(FaultTest, LogDirectoryMissingThenCreated) {
-  ASSERT_EQ(0, rmdir(dir.c_str()));
-  EXPECT_FALSE(logAndFlush("while missing"));
-  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "Failed to append file: " + log));
+// A missing directory, or a directory where the log file should be: each batch is dropped
+// with a diagnostic, and logging resumes once the fault is gone.
+TEST_F(FaultTest, LogFileCannotBeOpenedThenCan) {
+  const struct {
+    std::string mBroken;
+    bool mIsLogDir;
+  } cases[] = {{dir, true}, {log, false}};
+  for (const auto& c : cases) {
+    ASSERT_EQ(0, c.mIsLogDir ? rmdir(c.mBroken.c_str()) : mkdir(c.mBroken.c_str(), 0755));
+    EXPECT_FALSE(logAndFlush("while broken"));
+    EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "Failed to append file: " + log));
+    ASSERT_EQ(0, c.mIsLogDir ? mkdir(c.mBroken.c_str(), 0755) : rmdir(c.mBroken.c_str()));
+    EXPECT_TRUE(logAndFlush("once repaired"));
+    EXPECT_TRUE(inLog("once repaired") && !inLog("while broken")) << "dropped, not retried";
+    struct stat st;
+    ASSERT_EQ(0, stat(log.c_str(), &st));
+    EXPECT_EQ(0640u, st.st_mode & 0777);
+    unlink(log.c_str());
+    diag.clear();
+  }
   EXPECT_EQ(0, diag.countPrefix("saving logs timeout!"));
-  ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
-  EXPECT_TRUE(logAndFlush("once created"));
-  EXPECT_TRUE(inLog("once created"));
-  EXPECT_FALSE(inLog("while missing")) << "a dropped batch is not retried";
 }
 
 // tmpfs needs root; the file-size limit below covers a write that stops short anywhere.
@@ -133,33 +145,6 @@ TEST_F(FaultTest, TimeZoneChangedWhileRunning) {
   EXPECT_TRUE(hour == (gmtime_r(&before, &utc)->tm_hour + 9) % 24 ||
               hour == (gmtime_r(&after, &utc)->tm_hour + 9) % 24)
       << text;
-}
-
-// The destructor waits for the running task, here a rotation of 15 MiB, so the archive is
-// whole and the process still ends cleanly. The recorder is made in the child: a fork has no
-// writer thread.
-TEST(FaultDeathTest, ExitWhileCompressingEndsCleanly) {
-  vektest::ScratchRoot root;
-  std::string dir = root.path("/data/vendor/nfc/");
-  std::string text = vektest::logText(kLimit - 100);
-  writeFile(dir + "nfc_process.veklog", text);
-  GTEST_FLAG_SET(death_test_style, "fast");
-  EXPECT_EXIT(
-      {
-        vektest::LogCapture& diag = vektest::platformLog();  // before the writer can log
-        VekLogRecorder* recorder = VekLogRecorder::getInstance();
-        recorder->attchProcess("nfc_process");
-        recorder->record(4, "Fault", "last line");
-        recorder->record(4, "Fault", std::string(200, 'e'));
-        recorder->saveLogsToFile(false);
-        diag.waitFor("fileSize is full: ");
-        exit(0);
-      },
-      testing::ExitedWithCode(0), "");
-  std::vector<std::string> names = vektest::listDir(dir);
-  ASSERT_EQ(2u, names.size());
-  EXPECT_EQ(text, vektest::gunzip(dir + names[1])) << names[1];
-  EXPECT_NE(std::string::npos, readFile(dir + names[0]).find("Fault: last line\n"));
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include "VekLogTestEnv.h"
 
 using vektest::exists;
-using vektest::listDir;
 using vektest::readFile;
 using vektest::writeFile;
 
@@ -25,15 +24,14 @@ struct StorageTest : vektest::NfcProcessTest {
   }
   std::vector<std::string> archives() {
     std::vector<std::string> names;
-    for (const std::string& name : listDir(dir)) {
+    for (const std::string& name : vektest::listDir(dir)) {
       if (name.rfind("nfc_process_", 0) == 0) names.push_back(name);
     }
     return names;
   }
+  std::string archive(int day) { return "nfc_process_202501" + std::to_string(10 + day) + ".gz"; }
   void makeArchives(int count) {
-    for (int i = count - 1; i >= 0; --i) {  // newest first: directory order is not age order
-      writeFile(dir + "nfc_process_2025010" + std::to_string(i) + "_000000.gz", "x");
-    }
+    for (int day = count - 1; day >= 0; --day) writeFile(dir + archive(day), "x");
   }
 };
 
@@ -49,7 +47,6 @@ TEST_F(StorageTest, GzipRoundTripsThroughTheGzipProgram) {
     EXPECT_EQ(std::string("\x1f\x8b\x08\0\0\0\0\0", 8), gz.substr(0, 8)) << "no name, time 0";
   }
   ASSERT_TRUE(recorder->compressGzip(dir + "in", dir + "new.gz"));
-  EXPECT_EQ(0, system(("gzip -t " + dir + "new.gz").c_str()));
   struct stat st;
   ASSERT_EQ(0, stat((dir + "new.gz").c_str(), &st));
   EXPECT_EQ(0640u, st.st_mode & 0777) << "never world-readable";
@@ -65,10 +62,10 @@ TEST_F(StorageTest, GzipFailuresNameTheFileAndLeaveInputAlone) {
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR,
                           "compressGzip: Failed to open outFile file: " + dir + "no/out.gz"));
   EXPECT_EQ("text", readFile(dir + "in"));
-  EXPECT_FALSE(recorder->compressGzip(root.path("/proc"), dir + "out.gz"));
-  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "compressGzip: Error reading input file."));
 }
 
+// Four newest of this process kept, oldest by name deleted first, letters after digits; an
+// entry that cannot be deleted stops the pruning.
 TEST_F(StorageTest, RetentionKeepsTheFourNewestOfThisProcessOnly) {
   writeFile(dir + "nfc_hal_process_20240101_000000.gz", "another process's");
   writeFile(log, "active");
@@ -81,33 +78,26 @@ TEST_F(StorageTest, RetentionKeepsTheFourNewestOfThisProcessOnly) {
     EXPECT_EQ(std::max(0, count - 4),
               diag.countPrefix("manageCompressFiles: Deleted old log file: ") - deleted);
     if (count > 0) {
-      EXPECT_EQ("nfc_process_2025010" + std::to_string(count - 1) + "_000000.gz",
-                archives().back());
+      EXPECT_EQ(archive(count - 1), archives().back());
     }
   }
-  EXPECT_EQ(1, diag.count(ANDROID_LOG_INFO, "manageCompressFiles: Deleted old log file: " + dir +
-                                                "/nfc_process_20250102_000000.gz"));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_INFO,
+                          "manageCompressFiles: Deleted old log file: " + dir + "/" + archive(2)));
   EXPECT_TRUE(exists(dir + "nfc_hal_process_20240101_000000.gz") && exists(log));
-}
 
-TEST_F(StorageTest, RetentionSortsLettersLastAndStopsAtAnUndeletableEntry) {
-  makeArchives(5);
   writeFile(dir + "nfc_process_x", "x");
-  std::string stuck = dir + "nfc_process_20250100_000000.gz";
-  ASSERT_EQ(0, unlink(stuck.c_str()));
+  std::string stuck = dir + archive(0);
   ASSERT_EQ(0, mkdir(stuck.c_str(), 0755));
   writeFile(stuck + "/keep", "a non-empty directory: unlink fails even for root");
   EXPECT_FALSE(recorder->manageCompressFiles());
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR,
-                          "manageCompressFiles: Failed to delete old log file: " + dir +
-                              "/nfc_process_20250100_000000.gz"));
+                          "manageCompressFiles: Failed to delete old log file: " + dir + "/" +
+                              archive(0)));
   EXPECT_EQ(6u, archives().size()) << "nothing after the failing entry is deleted";
-
   unlink((stuck + "/keep").c_str());
   rmdir(stuck.c_str());
   EXPECT_TRUE(recorder->manageCompressFiles());
-  EXPECT_EQ("nfc_process_20250102_000000.gz", archives()[0]);
-  EXPECT_EQ("nfc_process_x", archives()[3]);
+  EXPECT_EQ("nfc_process_x", archives().back());
 
   recorder->mLogDir = root.path("/data/vendor/none/");
   EXPECT_FALSE(recorder->manageCompressFiles());
@@ -122,7 +112,7 @@ TEST_F(StorageTest, ArchiveNameCarriesTheLocalTime) {
   std::string path = recorder->getCompressedLogFile();
   std::vector<std::string> expected;
   for (time_t t = before; t <= time(nullptr); ++t) {
-    time_t japan = t + 9L * 3600;
+    time_t japan = t + 9 * 3600;
     tm broken;
     char stamp[32];
     strftime(stamp, sizeof(stamp), "%Y%m%d_%H%M%S", gmtime_r(&japan, &broken));
@@ -131,24 +121,18 @@ TEST_F(StorageTest, ArchiveNameCarriesTheLocalTime) {
   EXPECT_NE(expected.end(), std::find(expected.begin(), expected.end(), path)) << path;
 }
 
-TEST_F(StorageTest, RotatesAboveTheLimitAndKeepsFiveArchives) {
+TEST_F(StorageTest, RotatesAboveTheLimitKeepingFiveArchives) {
   sparseLog(kLimit - 10);
   EXPECT_TRUE(recorder->checkLogFileExceed(10)) << "exactly at the limit";
   EXPECT_TRUE(archives().empty());
   makeArchives(6);
-  for (int rotation = 0; rotation < 2; ++rotation) {
-    sparseLog(kLimit - 10);
-    EXPECT_TRUE(recorder->checkLogFileExceed(11));
-    EXPECT_FALSE(exists(log));
-    // Two rotations in one second share a name: the second replaces the first.
-    EXPECT_TRUE(archives().size() == 4 || archives().size() == 5);
-    EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + archives().back()));
-  }
-  EXPECT_EQ(2, diag.count(ANDROID_LOG_INFO, "fileSize is full: " + std::to_string(kLimit + 1)));
-  EXPECT_EQ("nfc_process_20250103_000000.gz", archives()[0]);
-}
+  EXPECT_TRUE(recorder->checkLogFileExceed(11));
+  EXPECT_FALSE(exists(log));
+  ASSERT_EQ(5u, archives().size());
+  EXPECT_EQ(archive(2), archives()[0]);
+  EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + archives().back()));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_INFO, "fileSize is full: " + std::to_string(kLimit + 1)));
 
-TEST_F(StorageTest, FailedRotationKeepsTheLogFile) {
   EXPECT_FALSE(recorder->checkLogFileExceed(kLimit + 1)) << "no log file to compress";
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "compressGzip: Failed to open input file: " + log));
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "checkLogFileExceed: Failed to compressGzip!"));
@@ -173,28 +157,14 @@ TEST_F(StorageTest, WriteTasksAppendTheKernelLogInTheHalProcessOnly) {
   EXPECT_EQ(
       1, diag.count(ANDROID_LOG_INFO, "writting buffer size: " + std::to_string(klog.size() + 5)));
 
-  writeFile(halLog, "");
-  ASSERT_EQ(0, truncate(halLog.c_str(), kLimit - 10));
-  EXPECT_EQ(0, vektest::writeNow(recorder, "next\n")) << "the kernel text alone passes the limit";
-  EXPECT_EQ("next\n" + klog, readFile(halLog));
-
   unlink(node.c_str());
   EXPECT_EQ(0, vektest::writeNow(recorder, "last\n"));
-  EXPECT_EQ("next\n" + klog + "last\nError: Unable to open klog file at /proc/vekdev/logger\n",
+  EXPECT_EQ("line\n" + klog + "last\nError: Unable to open klog file at /proc/vekdev/logger\n",
             readFile(halLog));
   EXPECT_EQ(1, diag.count(ANDROID_LOG_WARN, "Error: Unable to open klog file"));
 }
 
-TEST_F(StorageTest, UnwritableLogFileAndEmptyBuffer) {
-  ASSERT_EQ(0, mkdir(log.c_str(), 0755));
-  EXPECT_EQ(1, vektest::writeNow(recorder, "line\n"));
-  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "Failed to append file: " + log));
-  rmdir(log.c_str());
-  EXPECT_EQ(0, vektest::writeNow(recorder, "line\n"));
-  struct stat st;
-  ASSERT_EQ(0, stat(log.c_str(), &st));
-  EXPECT_EQ(0640u, st.st_mode & 0777);
-
+TEST_F(StorageTest, EmptyBufferIsRefused) {
   auto promise = std::make_shared<std::promise<int>>();
   std::lock_guard<std::mutex> lock(recorder->mMutex);
   EXPECT_FALSE(recorder->sendBuffToWorker(std::vector<char>(), promise));

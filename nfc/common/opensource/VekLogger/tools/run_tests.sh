@@ -38,7 +38,7 @@ if [ "$variant" != fuzz ]; then
 fi
 
 seconds=${VEK_FUZZ_SECONDS:-60}
-for target in fuzz_record fuzz_level; do
+for target in fuzz_record; do
   found=$(mktemp -d)
   echo "== $target for ${seconds}s"
   "$build/nfc/common/opensource/VekLogger/fuzz/$target" -max_total_time="$seconds" -max_len=4096 \

@@ -1,0 +1,117 @@
+// The recorder's lifecycle: the writer loop, a destructor that no late caller and no busy
+// writer can trip over, and fork handlers.
+#include "VekLogLifecycle.h"
+
+#include <pthread.h>
+
+#include <chrono>
+#include <new>
+#include <thread>
+
+#include "VekLogDiag.h"
+
+namespace vek {
+namespace {
+
+// How long the destructor waits for threads inside a hand-over, and for a busy writer.
+constexpr std::chrono::seconds kExitWait(2);
+
+template <typename Done>
+bool waitUntil(Done done) {
+  auto deadline = std::chrono::steady_clock::now() + kExitWait;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// Takes the next task, or returns false once the writer is to stop.
+bool takeTask(VekLogRecorder* recorder, std::function<void()>* task) {
+  std::unique_lock<std::mutex> lock(recorder->mMutex);
+  recorder->mCondition.wait(
+      lock, [recorder] { return recorder->mStopWriter || !recorder->mTasks.empty(); });
+  if (recorder->mStopWriter) return false;
+  *task = std::move(recorder->mTasks.front());
+  recorder->mTasks.pop_front();
+  recorder->mWriterState = kWriterInTask;
+  return true;
+}
+
+// Runs queued tasks one at a time, in order, with mMutex released while a task runs. A writer
+// that the destructor has left behind finds out after its task and touches nothing more.
+void writerLoop(VekLogRecorder* recorder) {
+  VEK_DIAG(INFO) << "write buffer thread start!";
+  std::function<void()> task;
+  while (takeTask(recorder, &task)) {
+    task();
+    task = nullptr;
+    int inTask = kWriterInTask;
+    if (!recorder->mWriterState.compare_exchange_strong(inTask, kWriterIdle)) return;
+  }
+}
+
+void stopWriter(VekLogRecorder& recorder) {
+  {
+    std::lock_guard<std::mutex> lock(recorder.mMutex);
+    recorder.mStopWriter = true;
+  }
+  recorder.mCondition.notify_one();
+  int inTask = kWriterInTask;
+  bool finished = waitUntil([&] { return recorder.mWriterState != kWriterInTask; });
+  if (finished || !recorder.mWriterState.compare_exchange_strong(inTask, kWriterLeftBehind)) {
+    recorder.mWorker.join();
+  } else {
+    recorder.mWorker.detach();
+  }
+}
+
+// The parent keeps mMutex across fork, so the child's copy of the buffer and queue is whole.
+void lockForFork() {
+  VekLogRecorder* recorder = VekLogRecorder::getInstance();
+  if (!recorder->mClosed) recorder->mMutex.lock();
+}
+
+void unlockInParent() {
+  VekLogRecorder* recorder = VekLogRecorder::getInstance();
+  if (!recorder->mClosed) recorder->mMutex.unlock();
+}
+
+// The child has one thread. The lock and condition variable are made anew (the parent's
+// writer is counted among the old one's waiters), the parent's text is left to the parent,
+// and a writer of the child's own starts with its first hand-over.
+void resetInChild() {
+  VekLogRecorder* recorder = VekLogRecorder::getInstance();
+  if (recorder->mClosed) return;
+  new (&recorder->mMutex) std::mutex;
+  new (&recorder->mCondition) std::condition_variable;
+  recorder->mTasks.clear();
+  recorder->mBuffer.clear();
+  recorder->mRestartWriter = recorder->mRestartWriter || recorder->mWorker.joinable();
+  new (&recorder->mWorker) std::thread;
+  recorder->mUsers = 0;
+  recorder->mWriterState = kWriterIdle;
+}
+
+}  // namespace
+
+thread_local Inside tInside = Inside::kNothing;
+
+UserScope::UserScope(VekLogRecorder& recorder) : mRecorder(recorder) {
+  mRecorder.mUsers.fetch_add(1);
+  mEntered = !mRecorder.mClosed;
+}
+
+void startWriter(VekLogRecorder& recorder) {
+  recorder.mWorker = std::thread(writerLoop, &recorder);
+}
+
+void installForkHandlers() { pthread_atfork(lockForFork, unlockInParent, resetInChild); }
+
+}  // namespace vek
+
+VekLogRecorder::~VekLogRecorder() {
+  mClosed = true;
+  vek::waitUntil([this] { return mUsers == 0; });
+  if (mWorker.joinable()) vek::stopWriter(*this);
+}

@@ -1,0 +1,50 @@
+// The recorder's lifecycle: its writer thread, its destruction while other threads still log,
+// fork, and calls that come back into the library on the same thread.
+#pragma once
+
+#include <string_view>
+
+#include "VekLogger.h"
+
+namespace vek {
+
+// What this thread is doing inside the library, so that a call that comes back through a
+// platform logger can tell. Trivially destructible: valid during any thread or static teardown.
+enum class Inside { kNothing, kDiagnostic, kPrinting };
+extern thread_local Inside tInside;
+
+struct ScopedInside {
+  explicit ScopedInside(Inside what) : mSaved(tInside) { tInside = what; }
+  ~ScopedInside() { tInside = mSaved; }
+  ScopedInside(const ScopedInside&) = delete;
+  ScopedInside& operator=(const ScopedInside&) = delete;
+
+  Inside mSaved;
+};
+
+// Marks a thread inside record, a flush's hand-over or attchProcess. When mEntered is false the
+// destructor has begun, and the caller must leave without touching the recorder.
+struct UserScope {
+  explicit UserScope(VekLogRecorder& recorder);
+  ~UserScope() { mRecorder.mUsers.fetch_sub(1); }
+  UserScope(const UserScope&) = delete;
+  UserScope& operator=(const UserScope&) = delete;
+
+  VekLogRecorder& mRecorder;
+  bool mEntered;
+};
+
+// Values of mWriterState.
+enum WriterState { kWriterIdle, kWriterInTask, kWriterLeftBehind };
+
+// Starts the writer thread. The caller holds mMutex, or is the constructor.
+void startWriter(VekLogRecorder& recorder);
+
+// Records message as lines of level and tag: record() without copying the caller's text.
+void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
+                std::string_view message);
+
+// Registers the fork handlers that keep the process's recorder working in a child. Once.
+void installForkHandlers();
+
+}  // namespace vek

@@ -1,0 +1,219 @@
+// The recorder's life inside a process: first use, exit while threads log, teardown, fork, a
+// platform logger that forwards into the library, and exit with a writer that is stuck. Each
+// case runs in a child process with a time limit; this process never uses the library itself,
+// so every child starts without a recorder.
+#include <android-base/logging.h>
+#include <android-base/properties.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "VekLogTestEnv.h"
+
+using vektest::readFile;
+
+namespace {
+
+constexpr int kLimitSeconds = 20;
+
+// The wait status of body run in a fork, as a string; "hung" when it outlived the limit.
+std::string statusOf(const std::function<int()>& body) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // children of a child that hung go with it
+    exit(body());
+  }
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kLimitSeconds);
+  int status = 0;
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      return "hung";
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
+  return "exit " + std::to_string(WEXITSTATUS(status));
+}
+
+// Attaches the process as "nfc_process" in root; returns the active log file.
+std::string attach(const vektest::ScratchRoot& root) {
+  VekLogRecorder::getInstance()->attchProcess("nfc_process");
+  return root.path("/data/vendor/nfc/nfc_process.veklog");
+}
+
+bool contains(const std::string& text, const std::string& part, size_t times = 1) {
+  size_t found = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) found++;
+  return found == times;
+}
+
+struct LogsWhenDestroyed {
+  ~LogsWhenDestroyed() {
+    __vek_log_e("T", "%s", mText);
+    VEK_LOG(ERROR) << mText;
+  }
+  const char* mText;
+};
+
+TEST(Lifecycle, FirstUseMakesOneRecorderAndAnEmptyMessageNone) {
+  EXPECT_EQ("exit 0", statusOf([] {
+              vektest::LogCapture& diag = vektest::platformLog();
+              const char* empty = "";
+              __vek_log_e("T", empty, 0);
+              if (diag.countPrefix("initFeatureLevel: ") != 0) return 1;
+              std::vector<VekLogRecorder*> seen(8);
+              std::vector<std::thread> threads;
+              for (auto& slot : seen)
+                threads.emplace_back([&slot] { slot = VekLogRecorder::getInstance(); });
+              for (auto& thread : threads) thread.join();
+              for (VekLogRecorder* r : seen) {
+                if (r != seen[0]) return 2;
+              }
+              return diag.countPrefix("initFeatureLevel: ") == 1 ? 0 : 3;
+            }));
+}
+
+// Static destructors, atexit handlers and thread_local destructors log, before and after the
+// recorder's own destructor; what comes while it is alive is recorded.
+TEST(Lifecycle, LoggingFromTeardownIsSafe) {
+  vektest::ScratchRoot root;
+  std::string log = root.path("/data/vendor/nfc/nfc_process.veklog");
+  EXPECT_EQ("exit 0", statusOf([&root] {
+              static LogsWhenDestroyed afterTheRecorder{"static destructor"};
+              atexit([] { __vek_log_e("T", "atexit %d", 1); });
+              attach(root);
+              std::thread([] {
+                thread_local LogsWhenDestroyed threadEnd{"thread_local destructor"};
+                __vek_log_i("T", "thread logs");
+              }).join();
+              return __vek_save_log_now() ? 0 : 1;
+            }));
+  std::string text = readFile(log);
+  EXPECT_TRUE(contains(text, " T: thread_local destructor\n"));
+  EXPECT_TRUE(contains(text, "] thread_local destructor\n"));
+}
+
+TEST(Lifecycle, ExitWhileThreadsLog) {
+  vektest::ScratchRoot root;
+  EXPECT_EQ("exit 0", statusOf([&root] {
+              static LogsWhenDestroyed afterTheRecorder{"after the recorder"};
+              attach(root);
+              std::atomic<long> logged(0);
+              for (int t = 0; t < 4; ++t) {
+                std::thread([&logged, t] {
+                  for (;;) {
+                    __vek_log_i("T", "thread %d line %ld", t, logged++);
+                    VEK_LOG(INFO) << "stream line";
+                  }
+                }).detach();
+              }
+              while (logged < 20000) std::this_thread::yield();
+              return 0;
+            }));
+}
+
+// Children forked while other threads log can log, flush and exit; each line is written once.
+TEST(Lifecycle, ForkedChildrenLogFlushAndExit) {
+  vektest::ScratchRoot root;
+  std::string log = root.path("/data/vendor/nfc/nfc_process.veklog");
+  constexpr int kChildren = 20;
+  EXPECT_EQ("exit 0", statusOf([&root] {
+              attach(root);
+              std::atomic<bool> done(false);
+              std::vector<std::thread> threads;
+              for (int t = 0; t < 2; ++t) {
+                threads.emplace_back([&done] {
+                  while (!done) {
+                    for (int line = 0; line < 50; ++line) __vek_log_d("T", "parent thread");
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                  }
+                });
+              }
+              int failed = 0;
+              for (int child = 0; child < kChildren; ++child) {
+                failed += statusOf([child] {
+                            __vek_log_i("T", "child %d", child);
+                            return __vek_save_log_now() ? 0 : 1;
+                          }) != "exit 0";
+              }
+              done = true;
+              for (auto& thread : threads) thread.join();
+              __vek_log_i("T", "parent done");
+              return failed == 0 && __vek_save_log_now() ? 0 : 1;
+            }));
+  std::string text = readFile(log);
+  for (int child = 0; child < kChildren; ++child) {
+    EXPECT_TRUE(contains(text, "T: child " + std::to_string(child) + "\n")) << child;
+  }
+  EXPECT_TRUE(contains(text, "T: parent done\n"));
+}
+
+// Loggers of both platform layers forward every entry back into the library: its own
+// diagnostics and prints come back on the same thread, and nothing may deadlock.
+TEST(Lifecycle, ForwardingPlatformLoggers) {
+  vektest::ScratchRoot root;
+  std::string log = root.path("/data/vendor/nfc/nfc_process.veklog");
+  EXPECT_EQ("signal " + std::to_string(SIGABRT), statusOf([&root] {
+              android::base::SetMinimumLogSeverity(android::base::VERBOSE);
+              android::base::SetLogger([](android::base::LogId, android::base::LogSeverity,
+                                          const char* tag, const char*, unsigned,
+                                          const char* text) { __vek_log_w(tag, "%s", text); });
+              __android_log_set_logger(
+                  [](const __android_logger_data*, const char* text) { VEK_LOG(INFO) << text; });
+              attach(root);
+              __vek_log_i("T", "printed once");
+              if (!__vek_save_log_now()) return 1;
+              VEK_LOG(FATAL) << "last words";
+              return 2;
+            }));
+  std::string text = readFile(log);
+  EXPECT_TRUE(contains(text, " I T: printed once\n"));
+  EXPECT_TRUE(contains(text, "last words\n"));
+}
+
+// A kernel log node that never delivers holds the writer in its task; exit does not wait for
+// it beyond its bound.
+TEST(Lifecycle, ExitWithTheWriterStuckInATask) {
+  vektest::ScratchRoot root;
+  std::string node = root.path("/proc/vekdev/logger");
+  ASSERT_EQ(0, mkfifo(node.c_str(), 0600));
+  EXPECT_EQ("exit 0", statusOf([&root, node] {
+              open(node.c_str(), O_RDWR);  // a writer that never writes: reads block
+              VekLogRecorder::getInstance()->attchProcess("nfc_hal_process");
+              __vek_log_i("T", "queued behind the node");
+              // The flush times out once the writer is inside the task.
+              return VekLogRecorder::getInstance()->saveLogsToFile(true) ? 1 : 0;
+            }));
+}
+
+// A rotation under way at exit ends with the log file either archived whole or kept whole.
+TEST(Lifecycle, ExitWhileCompressingLosesNothingArchived) {
+  vektest::ScratchRoot root;
+  std::string dir = root.path("/data/vendor/nfc/");
+  std::string text = vektest::logText(15L * 1024 * 1024 - 100);
+  vektest::writeFile(dir + "nfc_process.veklog", text);
+  EXPECT_EQ("exit 0", statusOf([&root] {
+              vektest::LogCapture& diag = vektest::platformLog();
+              attach(root);
+              __vek_log_i("T", "%s", std::string(200, 'e').c_str());
+              VekLogRecorder::getInstance()->saveLogsToFile(false);
+              diag.waitFor("fileSize is full: ");
+              return 0;
+            }));
+  if (readFile(dir + "nfc_process.veklog").compare(0, text.size(), text) == 0) return;
+  std::vector<std::string> names = vektest::listDir(dir);
+  ASSERT_EQ(2u, names.size());
+  EXPECT_EQ(text, vektest::gunzip(dir + names[1]));
+}
+
+}  // namespace
