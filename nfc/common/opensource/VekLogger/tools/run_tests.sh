@@ -28,7 +28,9 @@ else
   export CC=clang CXX=clang++
 fi
 export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+# A forked child starts threads of its own, which ThreadSanitizer can only follow when told not
+# to stop there, and not to wait at exit for the threads its copied registry still lists.
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:atexit_sleep_ms=0
 
 cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${options[@]}" "$@"
 cmake --build "$build" -j"$(nproc)"
