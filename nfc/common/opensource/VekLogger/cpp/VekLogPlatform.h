@@ -1,4 +1,5 @@
-// The one place where host and device builds differ, beside cutils' property_get.
+// The one place where builds differ, beside cutils' property_get: VekLogDevicePath.cpp for
+// devices, VekLogScratchPath.cpp for hosts and device tests.
 #pragma once
 
 #include <string>

@@ -4,7 +4,8 @@
 
 namespace vek {
 
-// Host builds run unprivileged: VEK_LOG_ROOT moves every device path into a scratch tree.
+// Host builds and device test builds: VEK_LOG_ROOT moves every device path into a scratch
+// tree, so that they run unprivileged and never touch a device's real logs.
 std::string devicePath(const char* path) {
   const char* root = getenv("VEK_LOG_ROOT");
   if (root == nullptr || *root == '\0') return path;
