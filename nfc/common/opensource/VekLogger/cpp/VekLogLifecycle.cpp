@@ -3,6 +3,9 @@
 #include "VekLogLifecycle.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <new>
@@ -15,6 +18,8 @@ namespace {
 
 // How long the destructor waits for threads inside a hand-over, and for a busy writer.
 constexpr std::chrono::seconds kExitWait(2);
+// Android's background priority (ANDROID_PRIORITY_BACKGROUND), for work no one waits on.
+constexpr int kWriterNice = 10;
 
 template <typename Done>
 bool waitUntil(Done done) {
@@ -41,6 +46,8 @@ bool takeTask(VekLogRecorder* recorder, std::function<void()>* task) {
 // Runs queued tasks one at a time, in order, with mMutex released while a task runs. A writer
 // that the destructor has left behind finds out after its task and touches nothing more.
 void writerLoop(VekLogRecorder* recorder) {
+  // Compression competes with the threads that log for the same cores; they come first.
+  setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kWriterNice);
   VEK_DIAG(INFO) << "write buffer thread start!";
   std::function<void()> task;
   while (takeTask(recorder, &task)) {
