@@ -35,6 +35,5 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # zlib's runtime library is in <sysroot>/lib: the linker follows libvek_log_record's need for it.
 set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,-rpath-link,${VEK_SYSROOT}/lib/${VEK_TRIPLET})
 # The loader comes from the toolchain's prefix, zlib and the Android libraries from the sysroot.
-set(CMAKE_CROSSCOMPILING_EMULATOR
-    ${VEK_QEMU} -L /usr/${VEK_TRIPLET}
-    -E LD_LIBRARY_PATH=${VEK_SYSROOT}/lib/${VEK_TRIPLET}:${VEK_SYSROOT}/usr/lib/${VEK_TRIPLET}/android)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${VEK_QEMU} -L /usr/${VEK_TRIPLET} -E
+    LD_LIBRARY_PATH=${VEK_SYSROOT}/lib/${VEK_TRIPLET}:${VEK_SYSROOT}/usr/lib/${VEK_TRIPLET}/android)

@@ -30,7 +30,7 @@ for standard in 17 20; do
   cmake --build "$build" -j"$(nproc)" --target vek_log_record
   # Every compile of the library and of vek_host_platform must have carried every flag.
   commands=$(grep -E '"command": .* -c .*/VekLogger/(cpp|host_platform)/[^/]*\.cpp",?$' \
-    "$build/compile_commands.json") || { echo "no compile command of the library found" >&2; exit 1; }
+    "$build/compile_commands.json") || { echo "no compile of the library in $build" >&2; exit 1; }
   for flag in -std=gnu++"$standard" "${flags[@]}"; do
     if grep -q -v -F -e " $flag " <<<"$commands"; then
       echo "a compile command of the library lacks $flag" >&2
