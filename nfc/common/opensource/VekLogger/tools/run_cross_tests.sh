@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # From a fresh checkout: cross-builds the library, its tests and the stress check for arm64 or
-# armhf with Debian's cross compiler and runs every test under qemu-user, in build-ARCH.
+# armhf with Debian's cross compiler and runs every test but the installed-package check under
+# qemu-user, in build-ARCH.
 #
 #   run_cross_tests.sh arm64|armhf [cmake options...]
 #
