@@ -3,7 +3,8 @@
 # arguments, when missing.
 set -euo pipefail
 
-packages=(cmake g++ pkgconf libgtest-dev android-libbase-dev android-liblog-dev zlib1g-dev "$@")
+packages=(cmake make g++ pkgconf libgtest-dev android-libbase-dev android-liblog-dev
+  zlib1g-dev "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed" || missing+=("$package")
