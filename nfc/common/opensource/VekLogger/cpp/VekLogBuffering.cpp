@@ -122,16 +122,17 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
   std::lock_guard<std::mutex> lock(recorder.mMutex);
   if (!recorder.mAttached) return;
   std::string_view lineTag = tag.empty() ? std::string_view(recorder.mProcessName) : tag;
-  std::vector<char>& buffer = recorder.mBuffer;
   size_t start = 0;
   while (start < message.size()) {
     size_t feed = message.find('\n', start);
     size_t stop = feed == std::string_view::npos ? message.size() : feed;
     if (start != 0) ids = readIds();
-    if (buffer.capacity() == 0) buffer.reserve(recorder.mFlushThreshold + kBatchSlack);
-    appendLine(buffer, level, ids, lineTag, message.data() + start, stop - start);
-    if (buffer.size() > recorder.mFlushThreshold) {
-      recorder.sendBuffToWorker(std::move(buffer), nullptr);
+    if (recorder.mBuffer.capacity() == 0) {
+      recorder.mBuffer.reserve(recorder.mFlushThreshold + kBatchSlack);
+    }
+    appendLine(recorder.mBuffer, level, ids, lineTag, message.data() + start, stop - start);
+    if (recorder.mBuffer.size() > recorder.mFlushThreshold) {
+      recorder.sendBuffToWorker(std::move(recorder.mBuffer), nullptr);
     }
     start = stop + 1;
   }

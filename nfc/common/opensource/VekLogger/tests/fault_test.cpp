@@ -6,7 +6,6 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -128,23 +127,6 @@ TEST_F(FaultTest, LogFileDeletedOrTruncatedBetweenBatches) {
   EXPECT_TRUE(logAndFlush("three"));
   std::string text = readFile(log);
   EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n'));
-}
-
-TEST_F(FaultTest, TimeZoneChangedWhileRunning) {
-  setenv("TZ", "UTC0", 1);
-  tzset();
-  recorder->record(4, "Fault", "in UTC");
-  setenv("TZ", "JST-9", 1);
-  tzset();
-  time_t before = time(nullptr);
-  EXPECT_TRUE(logAndFlush("in Japan"));
-  time_t after = time(nullptr);
-  std::string text = readFile(log);
-  int hour = std::stoi(text.substr(text.rfind('\n', text.size() - 2) + 1 + 6, 2));
-  tm utc;
-  EXPECT_TRUE(hour == (gmtime_r(&before, &utc)->tm_hour + 9) % 24 ||
-              hour == (gmtime_r(&after, &utc)->tm_hour + 9) % 24)
-      << text;
 }
 
 }  // namespace

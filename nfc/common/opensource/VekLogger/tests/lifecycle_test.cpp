@@ -68,10 +68,11 @@ TEST(Lifecycle, FirstUseMakesOneRecorderAndAnEmptyMessageNone) {
               const char* empty = "";
               __vek_log_e("T", empty, 0);
               if (diag.countPrefix("initFeatureLevel: ") != 0) return 1;
-              std::vector<VekLogRecorder*> seen(8);
-              std::vector<std::thread> threads;
-              for (auto& slot : seen)
-                threads.emplace_back([&slot] { slot = VekLogRecorder::getInstance(); });
+              VekLogRecorder* seen[8] = {};
+              std::thread threads[8];
+              for (int t = 0; t < 8; ++t) {
+                threads[t] = std::thread([&seen, t] { seen[t] = VekLogRecorder::getInstance(); });
+              }
               for (auto& thread : threads) thread.join();
               for (VekLogRecorder* r : seen) {
                 if (r != seen[0]) return 2;
@@ -130,9 +131,9 @@ TEST(Lifecycle, ForkedChildrenLogFlushAndExit) {
   EXPECT_EQ("exit 0", statusOf([&root] {
               attach(root);
               std::atomic<bool> done(false);
-              std::vector<std::thread> threads;
-              for (int t = 0; t < 2; ++t) {
-                threads.emplace_back([&done] {
+              std::thread threads[2];
+              for (auto& thread : threads) {
+                thread = std::thread([&done] {
                   while (!done) {
                     for (int line = 0; line < 50; ++line) __vek_log_d("T", "parent thread");
                     std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -33,27 +33,34 @@ struct RecordTest : vektest::NfcProcessTest {
   }
 };
 
-TEST_F(RecordTest, LineFormatByteForByte) {
-  setenv("TZ", "JST-9", 1);
+void setZone(const char* zone) {
+  setenv("TZ", zone, 1);
   tzset();
+}
+
+// Local time, read anew for every line: the zone changes between the first line and the rest.
+TEST_F(RecordTest, LineFormatByteForByte) {
   timespec before;
   timespec after;
   clock_gettime(CLOCK_REALTIME, &before);
-  recorder->record(4, "NfcCore", "Discovery started\nmode 2");
+  setZone("UTC0");
+  recorder->record(4, "NfcCore", "Discovery started");
+  setZone("JST-9");
+  recorder->record(4, "NfcCore", "mode 2\nsecond line");
   recorder->record(-1, "", "no letter");
   clock_gettime(CLOCK_REALTIME, &after);
   std::vector<std::string> lines = bufferedLines();
-  ASSERT_EQ(3u, lines.size());
+  ASSERT_EQ(4u, lines.size());
   std::string ids = " " + std::to_string(getpid()) + " " + std::to_string(syscall(SYS_gettid));
   const std::string tails[] = {ids + " I NfcCore: Discovery started", ids + " I NfcCore: mode 2",
-                               ids + "  nfc_process: no letter"};
+                               ids + " I NfcCore: second line", ids + "  nfc_process: no letter"};
   for (size_t i = 0; i < lines.size(); ++i) {
     bool matched = false;
     for (int64_t ms = millisecondsOf(before); ms <= millisecondsOf(after) && !matched; ++ms) {
-      time_t japan = static_cast<time_t>(ms / 1000 + 9 * 3600);
+      time_t local = static_cast<time_t>(ms / 1000 + (i == 0 ? 0 : 9 * 3600));
       tm broken;
       char stamp[32];
-      size_t n = strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", gmtime_r(&japan, &broken));
+      size_t n = strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", gmtime_r(&local, &broken));
       snprintf(stamp + n, sizeof(stamp) - n, ".%03d", static_cast<int>(ms % 1000));
       matched = lines[i] == stamp + tails[i];
     }

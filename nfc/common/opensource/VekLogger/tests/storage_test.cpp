@@ -112,7 +112,7 @@ TEST_F(StorageTest, ArchiveNameCarriesTheLocalTime) {
   std::string path = recorder->getCompressedLogFile();
   std::vector<std::string> expected;
   for (time_t t = before; t <= time(nullptr); ++t) {
-    time_t japan = t + 9 * 3600;
+    time_t japan = t + static_cast<time_t>(9 * 3600);
     tm broken;
     char stamp[32];
     strftime(stamp, sizeof(stamp), "%Y%m%d_%H%M%S", gmtime_r(&japan, &broken));
