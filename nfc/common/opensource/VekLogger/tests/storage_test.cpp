@@ -74,12 +74,11 @@ TEST_F(StorageTest, RetentionKeepsTheFourNewestOfThisProcessOnly) {
     makeArchives(count);
     int deleted = diag.countPrefix("manageCompressFiles: Deleted old log file: ");
     EXPECT_TRUE(recorder->manageCompressFiles());
-    EXPECT_EQ(std::min(count, 4), static_cast<int>(archives().size()));
+    std::vector<std::string> kept;
+    for (int day = std::max(0, count - 4); day < count; ++day) kept.push_back(archive(day));
+    EXPECT_EQ(kept, archives());
     EXPECT_EQ(std::max(0, count - 4),
               diag.countPrefix("manageCompressFiles: Deleted old log file: ") - deleted);
-    if (count > 0) {
-      EXPECT_EQ(archive(count - 1), archives().back());
-    }
   }
   EXPECT_EQ(1, diag.count(ANDROID_LOG_INFO,
                           "manageCompressFiles: Deleted old log file: " + dir + "/" + archive(2)));
@@ -97,7 +96,8 @@ TEST_F(StorageTest, RetentionKeepsTheFourNewestOfThisProcessOnly) {
   unlink((stuck + "/keep").c_str());
   rmdir(stuck.c_str());
   EXPECT_TRUE(recorder->manageCompressFiles());
-  EXPECT_EQ("nfc_process_x", archives().back());
+  EXPECT_EQ((std::vector<std::string>{archive(4), archive(5), archive(6), "nfc_process_x"}),
+            archives());
 
   recorder->mLogDir = root.path("/data/vendor/none/");
   EXPECT_FALSE(recorder->manageCompressFiles());
