@@ -2,7 +2,8 @@
 //
 //   before:  <dir>/nfc_process.veklog (would pass 15 MiB)   nfc_process_<older>.gz x0..5
 //   prune:   delete the oldest nfc_process_*.gz while five or more remain
-//   archive: gzip nfc_process.veklog -> <dir>//nfc_process_YYYYmmdd_HHMMSS.gz
+//   archive: gzip nfc_process.veklog -> <dir>//nfc_process_YYYYmmdd_HHMMSS.gz, or _1.gz, _2.gz
+//            after the stamp when that name is taken
 //   remove:  nfc_process.veklog; the append that follows starts a new file
 #include <dirent.h>
 #include <stdio.h>
@@ -31,6 +32,20 @@ std::vector<std::string> listArchives(DIR* dir, const std::string& prefix) {
   return names;
 }
 
+// The plain archive name for now or, when an entry has it already (a rotation earlier in the
+// same second, or one from before the clock went back), the first free of <stamp>_1.gz,
+// <stamp>_2.gz, ... These sort right after the plain name ('.' < '_'), so byte order stays age
+// order; with retention leaving four entries at most, the number stays one digit.
+std::string freeArchivePath(const LogTarget& target) {
+  std::string plain = getCompressedLogFile(target);
+  std::string path = plain;
+  struct stat st;
+  for (int n = 1; lstat(path.c_str(), &st) == 0; ++n) {
+    path = plain.substr(0, plain.size() - 3) + "_" + std::to_string(n) + ".gz";
+  }
+  return path;
+}
+
 }  // namespace
 
 bool checkLogFileExceed(const LogTarget& target, int size) {
@@ -45,7 +60,7 @@ bool checkLogFileExceed(const LogTarget& target, int size) {
                                                    "checkLogFileExceed");
     return false;
   }
-  if (!compressGzip(target.mLogFilePath, getCompressedLogFile(target))) {
+  if (!compressGzip(target.mLogFilePath, freeArchivePath(target))) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to compressGzip!",
                                                    "checkLogFileExceed");
     return false;

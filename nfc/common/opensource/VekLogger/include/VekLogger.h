@@ -37,6 +37,10 @@
 //   time-out (the text is still written later).
 // - Files are created with mode 0640 and close-on-exec; an archive counts as made only once
 //   it has been synced and closed without error.
+// - An archive is never written over. When "<process>_<stamp>.gz" is taken (by a rotation
+//   earlier in the same second, by one from before the clock was set back, or by an entry
+//   planted there), the rotation uses "<process>_<stamp>_1.gz", then _2 and so on; these sort
+//   right after the plain name, so retention, deleting in byte order, still deletes the older.
 
 #pragma once
 
@@ -109,6 +113,7 @@ class VEK_EXPORT VekLogRecorder {
   // the file into an archive first when they would not fit.
   bool checkLogFileExceed(int size);
   // The path of a new archive for the current local time: mLogDir + "/" + name + "_" + time.
+  // A rotation adds "_1", "_2", ... before ".gz" when that name is taken.
   std::string getCompressedLogFile();
   // Compresses the file in into a gzip file out. The input is never changed.
   bool compressGzip(const std::string& in, const std::string& out);
