@@ -49,8 +49,9 @@ std::string freeArchivePath(const LogTarget& target) {
 }  // namespace
 
 bool checkLogFileExceed(const LogTarget& target, int size) {
+  // The entry itself: a planted link's target is not the log.
   struct stat st;
-  int64_t fileSize = stat(target.mLogFilePath.c_str(), &st) == 0 ? st.st_size : 0;
+  int64_t fileSize = lstat(target.mLogFilePath.c_str(), &st) == 0 ? st.st_size : 0;
   int64_t total = fileSize + static_cast<int64_t>(size);
   if (static_cast<uint64_t>(total) <= target.mMaxFileSize) return true;
 

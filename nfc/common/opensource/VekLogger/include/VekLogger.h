@@ -37,6 +37,10 @@
 //   time-out (the text is still written later).
 // - Files are created with mode 0640 and close-on-exec; an archive counts as made only once
 //   it has been synced and closed without error.
+// - Another process shares each log directory, so files there are opened without following
+//   links and without waiting, and used only when they are regular files. A link, FIFO or
+//   device at the log file's path fails each write ("Failed to append file: <path>") until a
+//   regular file or nothing is there; nothing outside the directory is read or written.
 // - An archive is never written over. When "<process>_<stamp>.gz" is taken (by a rotation
 //   earlier in the same second, by one from before the clock was set back, or by an entry
 //   planted there), the rotation uses "<process>_<stamp>_1.gz", then _2 and so on; these sort
@@ -115,7 +119,8 @@ class VEK_EXPORT VekLogRecorder {
   // The path of a new archive for the current local time: mLogDir + "/" + name + "_" + time.
   // A rotation adds "_1", "_2", ... before ".gz" when that name is taken.
   std::string getCompressedLogFile();
-  // Compresses the file in into a gzip file out. The input is never changed.
+  // Compresses the file in into a new gzip file out; an existing out is never opened. The
+  // input is never changed.
   bool compressGzip(const std::string& in, const std::string& out);
   // Deletes the oldest archives of this process until fewer than five remain.
   bool manageCompressFiles();

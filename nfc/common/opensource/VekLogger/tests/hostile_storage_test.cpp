@@ -1,11 +1,16 @@
-// A log directory shared with a process that may plant entries, and a clock that steps back:
-// no archive is written over, and nothing outside the directory is touched.
+// A log directory shared with a process that may plant links and FIFOs: nothing outside the
+// directory is touched, the writer never blocks, no archive is written over.
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <future>
 #include <iterator>
 #include <map>
 
@@ -21,8 +26,25 @@ constexpr off_t kLimit = 15L * 1024 * 1024;
 struct HostileStorageTest : vektest::NfcProcessTest {
   void SetUp() override {
     NfcProcessTest::SetUp();
+    first = static_cast<ptrdiff_t>(diag.entries().size());
     writeFile(secret, "private\n");
     ASSERT_EQ(0, chmod(secret.c_str(), 0600));
+  }
+  // Errors logged by this test: the capture spans every test of the process.
+  int errors(const std::string& text) {
+    std::vector<vektest::Entry> all = diag.entries();
+    return static_cast<int>(std::count_if(all.begin() + first, all.end(), [&](const auto& e) {
+      return e.mPriority == ANDROID_LOG_ERROR && e.mText == text;
+    }));
+  }
+  // Queues text as a write task: its completion value, or -1 when a flush would have timed out.
+  int writeBatch(const std::string& text) {
+    auto promise = std::make_shared<std::promise<int>>();
+    std::future<int> done = promise->get_future();
+    std::unique_lock<std::mutex> lock(recorder->mMutex);
+    recorder->sendBuffToWorker(std::vector<char>(text.begin(), text.end()), promise);
+    lock.unlock();
+    return done.wait_for(std::chrono::seconds(2)) == std::future_status::ready ? done.get() : -1;
   }
   // This process's archives by name, with their content (a link reads as empty).
   std::map<std::string, std::string> archives() {
@@ -39,8 +61,34 @@ struct HostileStorageTest : vektest::NfcProcessTest {
     return "head\n" + std::string(kLimit - 15, '\0');
   }
 
+  ptrdiff_t first = 0;
   std::string secret = root.mRoot + "/secret";  // beside the log directories, not in one
 };
+
+TEST_F(HostileStorageTest, LinksInTheLogDirectoryAreNeverFollowed) {
+  ASSERT_EQ(0, symlink(secret.c_str(), log.c_str()));
+  EXPECT_EQ(1, writeBatch("appended\n"));
+  EXPECT_EQ(1, errors("Failed to append file: " + log));
+  EXPECT_FALSE(recorder->checkLogFileExceed(kLimit)) << "rotating the link";
+  EXPECT_EQ(1, errors("compressGzip: Failed to open input file: " + log));
+
+  std::string outside = root.mRoot + "/created";
+  writeFile(dir + "in", "log text\n");
+  ASSERT_EQ(0, symlink(secret.c_str(), (dir + "private.gz").c_str()));
+  ASSERT_EQ(0, symlink(outside.c_str(), (dir + "dangling.gz").c_str()));
+  writeFile(dir + "older.gz", "an older archive");
+  for (const char* name : {"private.gz", "dangling.gz", "older.gz"}) {
+    EXPECT_FALSE(recorder->compressGzip(dir + "in", dir + name)) << name;
+    EXPECT_EQ(1, errors("compressGzip: Failed to open outFile file: " + dir + name));
+  }
+  EXPECT_EQ("an older archive", readFile(dir + "older.gz"));
+  EXPECT_FALSE(vektest::exists(outside));
+  EXPECT_EQ("private\n", readFile(secret));
+
+  ASSERT_EQ(0, unlink(log.c_str()));
+  EXPECT_EQ(0, writeBatch("after\n"));
+  EXPECT_EQ("after\n", readFile(log));
+}
 
 // Four entries, which retention keeps, at the names of this second and the next three: older
 // archives as a clock set back leaves them, or links to a private file.
@@ -77,6 +125,24 @@ TEST_F(HostileStorageTest, RotationNeverReusesATakenArchiveName) {
     EXPECT_EQ(planted, now);
   }
   EXPECT_EQ("private\n", readFile(secret));
+}
+
+TEST_F(HostileStorageTest, FifoAtTheActivePathNeverBlocksTheWriter) {
+  for (bool withReader : {false, true}) {
+    ASSERT_EQ(0, mkfifo(log.c_str(), 0640));
+    android::base::unique_fd reader(
+        withReader ? open(log.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1);
+    EXPECT_EQ(1, writeBatch("into the fifo\n")) << withReader;
+    EXPECT_FALSE(recorder->checkLogFileExceed(kLimit + 100)) << "compressing the fifo";
+
+    ASSERT_EQ(0, unlink(log.c_str()));
+    writeFile(log, "earlier\n");
+    EXPECT_EQ(0, writeBatch("into the file\n")) << withReader;
+    EXPECT_EQ("earlier\ninto the file\n", readFile(log));
+    ASSERT_EQ(0, unlink(log.c_str()));
+  }
+  EXPECT_EQ(2, errors("Failed to append file: " + log));
+  EXPECT_EQ(2, errors("compressGzip: Failed to open input file: " + log));
 }
 
 }  // namespace
