@@ -76,7 +76,7 @@ bool closeArchive(int fd) {
 
 }  // namespace
 
-bool compressGzip(const std::string& in, const std::string& out) {
+bool compressGzip(const std::string& in, const std::string& out, bool* created) {
   android::base::unique_fd input = openLogDirFile(in, O_RDONLY);
   if (input == -1) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open input file: %s",
@@ -90,6 +90,7 @@ bool compressGzip(const std::string& in, const std::string& out) {
                                                    "compressGzip", out.c_str());
     return false;
   }
+  *created = true;
   z_stream stream{};
   int ret = deflateInit2(&stream, kLevel, Z_DEFLATED, kWindowBitsWithGzipWrapper, kMemLevel,
                          Z_DEFAULT_STRATEGY);
@@ -107,5 +108,6 @@ bool compressGzip(const std::string& in, const std::string& out) {
 }  // namespace vek
 
 bool VekLogRecorder::compressGzip(const std::string& in, const std::string& out) {
-  return vek::compressGzip(in, out);
+  bool created = false;
+  return vek::compressGzip(in, out, &created);
 }

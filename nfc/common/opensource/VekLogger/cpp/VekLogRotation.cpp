@@ -3,7 +3,7 @@
 //   before:  <dir>/nfc_process.veklog (would pass 15 MiB)   nfc_process_<older>.gz x0..5
 //   prune:   delete the oldest nfc_process_*.gz while five or more remain
 //   archive: gzip nfc_process.veklog -> <dir>//nfc_process_YYYYmmdd_HHMMSS.gz, or _1.gz, _2.gz
-//            after the stamp when that name is taken
+//            after the stamp when that name is taken; a failure removes the cut archive
 //   remove:  nfc_process.veklog; the append that follows starts a new file
 #include <dirent.h>
 #include <stdio.h>
@@ -46,6 +46,15 @@ std::string freeArchivePath(const LogTarget& target) {
   return path;
 }
 
+// A cut archive is removed: kept, it would take a good archive's place at every retry.
+bool archiveLogFile(const LogTarget& target) {
+  std::string archive = freeArchivePath(target);
+  bool created = false;
+  if (compressGzip(target.mLogFilePath, archive, &created)) return true;
+  if (created) unlink(archive.c_str());
+  return false;
+}
+
 }  // namespace
 
 bool checkLogFileExceed(const LogTarget& target, int size) {
@@ -61,7 +70,7 @@ bool checkLogFileExceed(const LogTarget& target, int size) {
                                                    "checkLogFileExceed");
     return false;
   }
-  if (!compressGzip(target.mLogFilePath, freeArchivePath(target))) {
+  if (!archiveLogFile(target)) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to compressGzip!",
                                                    "checkLogFileExceed");
     return false;

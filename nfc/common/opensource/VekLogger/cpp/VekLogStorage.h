@@ -35,7 +35,8 @@ void runWriteTask(const LogTarget& target, std::vector<char>& buff,
 bool checkLogFileExceed(const LogTarget& target, int size);
 std::string getCompressedLogFile(const LogTarget& target);
 bool manageCompressFiles(const LogTarget& target);
-bool compressGzip(const std::string& in, const std::string& out);
+// Sets *created once out exists, so that a caller can remove what a failure left of it.
+bool compressGzip(const std::string& in, const std::string& out, bool* created);
 
 // Opens path, an entry of a log directory that another process shares, with flags plus
 // O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC, and keeps it only when it is a regular file:

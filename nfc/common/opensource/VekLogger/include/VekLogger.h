@@ -45,6 +45,9 @@
 //   earlier in the same second, by one from before the clock was set back, or by an entry
 //   planted there), the rotation uses "<process>_<stamp>_1.gz", then _2 and so on; these sort
 //   right after the plain name, so retention, deleting in byte order, still deletes the older.
+// - A rotation whose compression fails (a full disk) removes the archive it began and keeps
+//   the log file, so failing again and again costs at most the one archive pruned to make
+//   room. compressGzip() itself leaves a failed output as it is.
 
 #pragma once
 

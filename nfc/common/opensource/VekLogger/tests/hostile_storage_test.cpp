@@ -1,9 +1,10 @@
-// A log directory shared with a process that may plant links and FIFOs: nothing outside the
-// directory is touched, the writer never blocks, no archive is written over.
+// A log directory shared with a process that may plant links and FIFOs, and a disk that fills
+// up: nothing outside the directory is touched, the writer never blocks, no archive is lost.
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <future>
 #include <iterator>
 #include <map>
+#include <memory>
 
 #include "VekLogTestEnv.h"
 
@@ -143,6 +145,33 @@ TEST_F(HostileStorageTest, FifoAtTheActivePathNeverBlocksTheWriter) {
   }
   EXPECT_EQ(2, errors("Failed to append file: " + log));
   EXPECT_EQ(2, errors("compressGzip: Failed to open input file: " + log));
+}
+
+// tmpfs needs root, as in FaultTest.FullFileSystemThenSpaceFreed.
+TEST_F(HostileStorageTest, FullDiskDuringRotationsCostsOneArchiveAtMost) {
+  if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=128k") != 0) {
+    GTEST_SKIP() << "cannot mount a small tmpfs here (needs root): " << strerror(errno);
+  }
+  auto unmount = [](const std::string* path) { umount2(path->c_str(), MNT_DETACH); };
+  std::unique_ptr<const std::string, decltype(unmount)> mounted(&dir, unmount);
+  for (int i = 0; i < 5; ++i) {
+    writeFile(dir + "nfc_process_2000010" + std::to_string(i) + "_000000.gz", std::to_string(i));
+  }
+  std::map<std::string, std::string> kept = archives();
+  std::string text = sparseLog();
+  android::base::unique_fd filler(open((dir + "filler").c_str(), O_WRONLY | O_CREAT, 0600));
+  EXPECT_FALSE(android::base::WriteFully(filler, std::string(1 << 20, 'f').data(), 1 << 20));
+
+  for (int attempt = 0; attempt < 3; ++attempt) EXPECT_FALSE(recorder->checkLogFileExceed(100));
+  EXPECT_EQ(3, errors("checkLogFileExceed: Failed to compressGzip!"));
+  kept.erase(kept.begin());  // the first attempt makes room for its archive
+  EXPECT_EQ(kept, archives()) << "no cut archive left, no further archive pruned";
+
+  filler.reset();
+  ASSERT_EQ(0, unlink((dir + "filler").c_str()));
+  EXPECT_TRUE(recorder->checkLogFileExceed(100));
+  ASSERT_EQ(5u, archives().size());
+  EXPECT_EQ(text, vektest::gunzip(dir + archives().rbegin()->first));
 }
 
 }  // namespace
