@@ -6,6 +6,7 @@
 //            after the stamp when that name is taken; a failure removes the cut archive
 //   remove:  nfc_process.veklog; the append that follows starts a new file
 #include <dirent.h>
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -23,13 +24,15 @@ namespace {
 
 constexpr size_t kArchivesKept = 5;
 
-std::vector<std::string> listArchives(DIR* dir, const std::string& prefix) {
-  std::vector<std::string> names;
-  while (dirent* entry = readdir(dir)) {
+// False when the listing breaks off: pruning a partial list would keep archives piling up.
+bool listArchives(DIR* dir, const std::string& prefix, std::vector<std::string>* names) {
+  for (;;) {
+    errno = 0;
+    dirent* entry = readdir(dir);
+    if (entry == nullptr) return errno == 0;
     if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0)
-      names.emplace_back(entry->d_name);
+      names->emplace_back(entry->d_name);
   }
-  return names;
 }
 
 // The plain archive name for now or, when an entry has it already (a rotation earlier in the
@@ -101,8 +104,14 @@ bool manageCompressFiles(const LogTarget& target) {
                                                    target.mLogDir.c_str());
     return false;
   }
-  std::vector<std::string> names = listArchives(dir, target.mProcessName + "_");
+  std::vector<std::string> names;
+  bool listed = listArchives(dir, target.mProcessName + "_", &names);
   closedir(dir);
+  if (!listed) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: readdir %s failed.", "manageCompressFiles",
+                                                   target.mLogDir.c_str());
+    return false;
+  }
 
   // Names carry their time stamp, so byte order is age order, oldest first.
   std::sort(names.begin(), names.end());
