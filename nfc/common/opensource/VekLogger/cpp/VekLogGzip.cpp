@@ -77,14 +77,13 @@ bool closeArchive(int fd) {
 }  // namespace
 
 bool compressGzip(const std::string& in, const std::string& out) {
-  android::base::unique_fd input(TEMP_FAILURE_RETRY(open(in.c_str(), O_RDONLY | O_CLOEXEC)));
+  android::base::unique_fd input = openLogDirFile(in, O_RDONLY);
   if (input == -1) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open input file: %s",
                                                    "compressGzip", in.c_str());
     return false;
   }
-  android::base::unique_fd output(
-      TEMP_FAILURE_RETRY(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640)));
+  android::base::unique_fd output = openLogDirFile(out, O_WRONLY | O_CREAT | O_TRUNC, 0640);
   if (output == -1) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open outFile file: %s",
                                                    "compressGzip", out.c_str());

@@ -2,7 +2,9 @@
 // Every function here runs on the writer thread only, one at a time, and takes no lock.
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <future>
 #include <memory>
@@ -34,5 +36,10 @@ bool checkLogFileExceed(const LogTarget& target, int size);
 std::string getCompressedLogFile(const LogTarget& target);
 bool manageCompressFiles(const LogTarget& target);
 bool compressGzip(const std::string& in, const std::string& out);
+
+// Opens path, an entry of a log directory that another process shares, with flags plus
+// O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC, and keeps it only when it is a regular file:
+// a link, FIFO or device planted there is never followed, waited on, read or written.
+android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode_t mode = 0);
 
 }  // namespace vek

@@ -1,8 +1,9 @@
 // Write tasks: a handed-over buffer, plus the kernel log in the HAL process, appended to the
-// active log file on the writer thread.
+// active log file on the writer thread; and how every file in a log directory is opened.
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "VekLogDiag.h"
@@ -42,8 +43,8 @@ bool appendToLogFile(const LogTarget& target, const std::vector<char>& buff) {
     VEK_DIAG(ERROR) << "check log file excedd failed!";
     return false;
   }
-  android::base::unique_fd fd(TEMP_FAILURE_RETRY(
-      open(target.mLogFilePath.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640)));
+  android::base::unique_fd fd =
+      openLogDirFile(target.mLogFilePath, O_WRONLY | O_APPEND | O_CREAT, 0640);
   if (fd == -1) {
     VEK_DIAG(ERROR) << "Failed to append file: " << target.mLogFilePath;
     return false;
@@ -53,6 +54,16 @@ bool appendToLogFile(const LogTarget& target, const std::vector<char>& buff) {
 }
 
 }  // namespace
+
+android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode_t mode) {
+  // O_NONBLOCK keeps a FIFO or device from holding up the open; on the regular file that is
+  // kept it changes nothing.
+  android::base::unique_fd fd(TEMP_FAILURE_RETRY(
+      open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode)));
+  struct stat st;
+  if (fd != -1 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();
+  return fd;
+}
 
 void runWriteTask(const LogTarget& target, std::vector<char>& buff,
                   const std::shared_ptr<std::promise<int>>& promise) {

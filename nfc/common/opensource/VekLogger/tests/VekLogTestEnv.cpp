@@ -133,7 +133,7 @@ int writeNow(VekLogRecorder* recorder, const std::string& text) {
     std::lock_guard<std::mutex> lock(recorder->mMutex);
     recorder->sendBuffToWorker(std::vector<char>(text.begin(), text.end()), promise);
   }
-  return done.get();
+  return done.wait_for(std::chrono::seconds(10)) == std::future_status::ready ? done.get() : -1;
 }
 
 std::string runCommand(const std::string& command) {

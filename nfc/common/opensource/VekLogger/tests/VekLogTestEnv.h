@@ -66,7 +66,7 @@ std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
 std::vector<std::string> listDir(const std::string& dir);  // sorted, without . and ..
-// Queues text as a write task and returns its completion value.
+// Queues text as a write task and returns its completion value, or -1 after 10 s without one.
 int writeNow(VekLogRecorder* recorder, const std::string& text);
 // Decompresses with the gzip program, as a field engineer would.
 std::string gunzip(const std::string& path);

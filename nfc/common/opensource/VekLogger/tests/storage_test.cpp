@@ -62,6 +62,9 @@ TEST_F(StorageTest, GzipFailuresNameTheFileAndLeaveInputAlone) {
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR,
                           "compressGzip: Failed to open outFile file: " + dir + "no/out.gz"));
   EXPECT_EQ("text", readFile(dir + "in"));
+  EXPECT_FALSE(recorder->compressGzip(root.path("/proc"), dir + "out.gz")) << "not a file";
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR,
+                          "compressGzip: Failed to open input file: " + root.path("/proc")));
 }
 
 // Four newest of this process kept, oldest by name deleted first, letters after digits; an
