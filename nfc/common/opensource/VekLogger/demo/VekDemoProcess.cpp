@@ -42,8 +42,8 @@ void platformLog(const __android_logger_data* data, const char* message) {
   }
 }
 
-// Logs at a steady pace, as a busy NFC stack would, rather than as fast as the CPU allows:
-// archives are named by the second, so rotating more than once a second would replace one.
+// Logs at a steady pace, as a busy NFC stack would, rather than as fast as the CPU allows, so
+// that the demo shows rotations one by one.
 void logMessages(int thread, const std::atomic<bool>& stop, int recordLevel, int perSecond) {
   static const char* const kStates[] = {"IDLE", "DISCOVER", "POLL_A", "POLL_F", "HCE", "SE_APDU"};
   unsigned state = 2166136261u * static_cast<unsigned>(thread + 1);

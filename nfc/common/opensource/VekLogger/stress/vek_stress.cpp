@@ -169,7 +169,7 @@ int runLoad(const Options& options, const std::string& root) {
   for (int t = 0; t < options.mThreads; ++t) {
     threads.emplace_back([t, perThread, perSecond, start] {
       for (long seq = 0; seq < perThread; ++seq) {
-        // Paced: archives are named by the second, so two rotations must not share one.
+        // Paced, as a device logs: the writer keeps up, and the peak memory stays the steady one.
         if (seq % 64 == 0) {
           std::this_thread::sleep_until(
               start + std::chrono::microseconds(int64_t{seq} * 1000000 / perSecond));
