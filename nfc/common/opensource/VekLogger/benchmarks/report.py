@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Turns one vek_bench run (Google Benchmark JSON plus the storage figures it printed) into
-RESULTS.md with the ratio table and threads.png, nanoseconds per line against threads."""
+RESULTS.md with the ratio table and threads.png, nanoseconds per line against threads.
+RESULTS.md is written whole; the reading of the figures is kept by hand in ANALYSIS.md."""
 import json
 import re
 import subprocess
@@ -9,6 +10,13 @@ import sys
 bench_json, storage_txt, out_dir = sys.argv[1], sys.argv[2], sys.argv[3]
 run = json.load(open(bench_json))
 storage = open(storage_txt).read()
+
+NOT_MET = "**no**: reason in [ANALYSIS.md](ANALYSIS.md)"
+
+
+def verdict(met):
+    return "yes" if met else NOT_MET
+
 
 # name -> threads -> median lines per second over all threads
 rate = {}
@@ -35,7 +43,7 @@ rotation = re.search(r"time ratio ([\d.]+), size ratio ([\d.]+)", storage)
 flush = re.search(r"median (\d+) us, p99 (\d+) us", storage)
 
 def row(what, value, target, met):
-    return f"| {what} | {value} | {target} | {'yes' if met else 'no'} |"
+    return f"| {what} | {value} | {target} | {verdict(met)} |"
 
 vek1 = ns("VekLogI (print 0)", 1)
 rows = [
@@ -43,8 +51,8 @@ rows = [
         "<= 1.0", vek1 <= ns("SpdlogSyncRotating", 1)),
     row("`__vek_log_i` / glog, 1 thread", f"{vek1 / ns('Glog', 1):.3f}", "<= 0.2",
         vek1 <= 0.2 * ns("Glog", 1)),
-    row("`record` / floor, 1 thread", f"{ns('Record', 1) / ns('Floor', 1):.3f}", "<= 1.25",
-        ns("Record", 1) <= 1.25 * ns("Floor", 1)),
+    row("`record` / floor, 1 thread", f"{ns('Record', 1) / ns('Floor', 1):.3f}", "<= 1.15",
+        ns("Record", 1) <= 1.15 * ns("Floor", 1)),
     row("lines/s at 2 threads, `__vek_log_i` / spdlog synchronous",
         f"{rate['VekLogI (print 0)'][2] / rate['SpdlogSyncRotating'][2]:.3f}", ">= 0.9",
         rate["VekLogI (print 0)"][2] >= 0.9 * rate["SpdlogSyncRotating"][2]),
@@ -87,6 +95,9 @@ the median of eight repetitions run in random order, so that a slow spell of the
 not fall on one logger alone. Ratios are what the targets are about; absolute times belong to
 this machine: {machine}.
 
+This page is written whole by each run. Why a target is not met, and any other reading of the
+figures, is written by hand in [ANALYSIS.md](ANALYSIS.md), which no run changes.
+
 ## Targets
 
 | ratio | measured | target | met |
@@ -98,18 +109,6 @@ this machine: {machine}.
 {chr(10).join(table)}
 
 ![ns per line against threads](threads.png)
-
-## Where the time goes
-
-A recorded line must read the realtime clock, convert it with `localtime_r` and make the
-`getpid` and `gettid` system calls: that floor is four fifths of `record`. The rest is the
-mutex, formatting the header by hand, one copy into the batch, and, once per batch of about
-10 KiB, waking the writer. The writer compresses each 15 MiB file at level 9 on the same two
-CPUs while the benchmarks run, and this machine's repetitions vary by 5 to 15% (coefficient
-of variation), so ratios near a target move across it from run to run: over the day's runs
-`record` / floor measured 1.22 to 1.36, and `__vek_log_i` / spdlog synchronous 0.84 to 1.35. `__vek_log_i` adds one
-`vsnprintf` into a buffer the thread keeps; spdlog caches the broken-down time for a second
-and the thread id for good, which this library may not do.
 
 ## Storage
 
