@@ -23,20 +23,21 @@
 #include <vector>
 
 #include "VekLogger.h"
+#include "vek_bench_line.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr char kTag[] = "NfcCore";
-constexpr size_t kMaxFileSize = size_t{15} << 20;
+using vekbench::kMaxFileSize;
+using vekbench::kTag;
+using vekbench::spdlogLine;
+using vekbench::uid;
+using vekbench::vekLine;
 
 std::string gRoot;
 VekLogRecorder* gRecorder = nullptr;
 std::shared_ptr<spdlog::logger> gSpdlogSync;
 std::shared_ptr<spdlog::logger> gSpdlogAsync;
-
-unsigned uid(int64_t i) { return static_cast<unsigned>(i) * 2654435761u; }
 
 // Waits until the writer has caught up, so that no benchmark pays for the backlog of the one
 // before it. Two lines, so that the flush has a batch of its own to wait for.
@@ -78,7 +79,7 @@ void BM_VekLogI(benchmark::State& state) {
   int64_t i = 0;
   waitForIdleWriter(state);
   for (auto _ : state) {
-    __vek_log_i(kTag, "Discovery started, mode %d, uid %08x", static_cast<int>(i & 3), uid(i));
+    vekLine(i);
     ++i;
   }
   state.SetItemsProcessed(state.iterations());
@@ -88,7 +89,7 @@ void BM_SpdlogSyncRotating(benchmark::State& state) {
   int64_t i = 0;
   waitForIdleWriter(state);
   for (auto _ : state) {
-    gSpdlogSync->info("Discovery started, mode {}, uid {:08x}", static_cast<int>(i & 3), uid(i));
+    spdlogLine(*gSpdlogSync, i);
     ++i;
   }
   state.SetItemsProcessed(state.iterations());
@@ -98,7 +99,7 @@ void BM_SpdlogAsyncRotating(benchmark::State& state) {
   int64_t i = 0;
   waitForIdleWriter(state);
   for (auto _ : state) {
-    gSpdlogAsync->info("Discovery started, mode {}, uid {:08x}", static_cast<int>(i & 3), uid(i));
+    spdlogLine(*gSpdlogAsync, i);
     ++i;
   }
   state.SetItemsProcessed(state.iterations());
@@ -135,14 +136,13 @@ void setUp() {
   gRecorder = VekLogRecorder::getInstance();
   gRecorder->attchProcess("nfc_process");
 
-  const char* pattern = "%m-%d %H:%M:%S.%e %P %t %L %n: %v";
-  gSpdlogSync =
-      spdlog::rotating_logger_mt("NfcCore", gRoot + "/peers/spdlog_sync.log", kMaxFileSize, 5);
-  gSpdlogSync->set_pattern(pattern);
+  gSpdlogSync = spdlog::rotating_logger_mt("NfcCore", gRoot + "/peers/spdlog_sync.log",
+                                           kMaxFileSize, vekbench::kKeptFiles);
+  gSpdlogSync->set_pattern(vekbench::kSpdlogPattern);
   spdlog::init_thread_pool(8192, 1);
   gSpdlogAsync = spdlog::rotating_logger_mt<spdlog::async_factory>(
-      "NfcCoreAsync", gRoot + "/peers/spdlog_async.log", kMaxFileSize, 5);
-  gSpdlogAsync->set_pattern(pattern);
+      "NfcCoreAsync", gRoot + "/peers/spdlog_async.log", kMaxFileSize, vekbench::kKeptFiles);
+  gSpdlogAsync->set_pattern(vekbench::kSpdlogPattern);
 
   FLAGS_log_dir = gRoot + "/peers";
   FLAGS_logtostderr = false;
@@ -158,7 +158,7 @@ void sustainedRate() {
   constexpr int kLines = 1000000;
   auto start = Clock::now();
   for (int i = 0; i < kLines; ++i) {
-    __vek_log_i(kTag, "Discovery started, mode %d, uid %08x", i & 3, uid(i));
+    vekLine(i);
   }
   __vek_log_i(kTag, "end");
   while (!__vek_save_log_now()) {
@@ -227,7 +227,7 @@ int logMillionLines() {
   android::base::SetProperty("persist.vendor.vek.nfc.log", "05");
   VekLogRecorder::getInstance()->attchProcess("nfc_process");
   for (int i = 0; i < 1000000; ++i) {
-    __vek_log_i(kTag, "Discovery started, mode %d, uid %08x", i & 3, uid(i));
+    vekLine(i);
   }
   do {
     __vek_log_i(kTag, "end");
