@@ -43,33 +43,41 @@ bool takeTask(VekLogRecorder* recorder, std::function<void()>* task) {
   return true;
 }
 
+// Moves the writer from one state to the next, unless the destructor has left it behind.
+bool advance(VekLogRecorder* recorder, int from, int to) {
+  return recorder->mWriterState.compare_exchange_strong(from, to);
+}
+
 // Runs queued tasks one at a time, in order, with mMutex released while a task runs. A writer
-// that the destructor has left behind finds out after its task and touches nothing more.
+// that the destructor has left behind (still starting, or in a task) finds out when it comes
+// to the recorder next, and touches nothing more.
 void writerLoop(VekLogRecorder* recorder) {
   // Compression competes with the threads that log for the same cores; they come first.
   setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kWriterNice);
   VEK_DIAG(INFO) << "write buffer thread start!";
+  if (!advance(recorder, kWriterStarting, kWriterIdle)) return;
   std::function<void()> task;
   while (takeTask(recorder, &task)) {
     task();
     task = nullptr;
-    int inTask = kWriterInTask;
-    if (!recorder->mWriterState.compare_exchange_strong(inTask, kWriterIdle)) return;
+    if (!advance(recorder, kWriterInTask, kWriterIdle)) return;
   }
+  recorder->mWriterState = kWriterStopped;
 }
 
+// Waits for the writer to stop; one still starting or in a task after the wait is left behind.
 void stopWriter(VekLogRecorder& recorder) {
   {
     std::lock_guard<std::mutex> lock(recorder.mMutex);
     recorder.mStopWriter = true;
   }
   recorder.mCondition.notify_one();
-  int inTask = kWriterInTask;
-  bool finished = waitUntil([&] { return recorder.mWriterState != kWriterInTask; });
-  if (finished || !recorder.mWriterState.compare_exchange_strong(inTask, kWriterLeftBehind)) {
-    recorder.mWorker.join();
-  } else {
+  bool stopped = waitUntil([&] { return recorder.mWriterState == kWriterStopped; });
+  if (!stopped && (advance(&recorder, kWriterStarting, kWriterLeftBehind) ||
+                   advance(&recorder, kWriterInTask, kWriterLeftBehind))) {
     recorder.mWorker.detach();
+  } else {
+    recorder.mWorker.join();
   }
 }
 
@@ -97,7 +105,7 @@ void resetInChild() {
   recorder->mRestartWriter = recorder->mRestartWriter || recorder->mWorker.joinable();
   new (&recorder->mWorker) std::thread;
   recorder->mUsers = 0;
-  recorder->mWriterState = kWriterIdle;
+  recorder->mWriterState = kWriterStopped;
 }
 
 }  // namespace
@@ -110,6 +118,7 @@ UserScope::UserScope(VekLogRecorder& recorder) : mRecorder(recorder) {
 }
 
 void startWriter(VekLogRecorder& recorder) {
+  recorder.mWriterState = kWriterStarting;
   recorder.mWorker = std::thread(writerLoop, &recorder);
 }
 

@@ -35,7 +35,7 @@ struct UserScope {
 };
 
 // Values of mWriterState.
-enum WriterState { kWriterIdle, kWriterInTask, kWriterLeftBehind };
+enum WriterState { kWriterStopped, kWriterStarting, kWriterIdle, kWriterInTask, kWriterLeftBehind };
 
 // Starts the writer thread. The caller holds mMutex, or is the constructor.
 void startWriter(VekLogRecorder& recorder);

@@ -45,7 +45,7 @@ VekLogRecorder::VekLogRecorder()
       mRestartWriter(false),
       mClosed(false),
       mUsers(0),
-      mWriterState(vek::kWriterIdle) {
+      mWriterState(vek::kWriterStopped) {
   initFeatureLevel();
   mAttached = false;
   mMaxFileSize = kMaxFileSize;

@@ -22,8 +22,9 @@
 // - Lifecycle. The recorder lives in static storage until the process ends or the library is
 //   unloaded. Its destructor turns new callers away (mClosed), waits for those already inside
 //   a hand-over, stops the writer and joins it. A task that is running may finish for up to 2 s;
-//   a writer still busy then (a kernel log node that blocks, a slow rotation) is left behind
-//   and never touches the recorder again, so exit is never held up for longer. Queued tasks
+//   a writer still busy then (a kernel log node that blocks, a slow rotation), or one that has
+//   not yet started, is left behind and never touches the recorder again, so exit is never
+//   held up for longer. Queued tasks
 //   and buffered text are discarded: flush with __vek_save_log_now() before a planned exit.
 //   A log call after the destructor (a static destructor, an atexit handler, another thread
 //   during exit) is printed and not recorded. No per-thread state has a destructor, so a
@@ -167,7 +168,7 @@ class VEK_EXPORT VekLogRecorder {
   // still find mClosed set and leave without touching anything else.
   std::atomic<bool> mClosed;
   std::atomic<int> mUsers;        // threads inside record, a flush's hand-over or attchProcess
-  std::atomic<int> mWriterState;  // idle, running a task, or left behind by the destructor
+  std::atomic<int> mWriterState;  // starting, idle, in a task, stopped, or left behind
 };
 
 // Logs one message written to stream(); the destructor records "[file(line)] text" and prints
