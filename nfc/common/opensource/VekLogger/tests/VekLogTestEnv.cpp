@@ -41,7 +41,6 @@ LogCapture& platformLog() {
       std::lock_guard<std::mutex> lock(self.mMutex);
       self.mEntries.push_back({data->priority, data->tag != nullptr ? data->tag : "", message,
                                data->file != nullptr ? data->file : "", data->line});
-      self.mAdded.notify_all();
     });
     return new LogCapture;
   }();
@@ -64,15 +63,6 @@ int LogCapture::count(int priority, const std::string& text) {
     return priority == 0 ? e.mText.compare(0, text.size(), text) == 0
                          : e.mPriority == priority && e.mText == text;
   }));
-}
-
-void LogCapture::waitFor(const std::string& prefix) {
-  std::unique_lock<std::mutex> lock(mMutex);
-  mAdded.wait(lock, [&] {
-    return std::any_of(mEntries.begin(), mEntries.end(), [&](const Entry& e) {
-      return e.mText.compare(0, prefix.size(), prefix) == 0;
-    });
-  });
 }
 
 WriterGate::WriterGate(VekLogRecorder* recorder) {

@@ -5,7 +5,6 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <future>
 #include <mutex>
 #include <string>
@@ -42,10 +41,8 @@ struct LogCapture {
   // Entries at priority whose text is text; with priority 0, at any priority starting with it.
   int count(int priority, const std::string& text);
   int countPrefix(const std::string& prefix) { return count(0, prefix); }
-  void waitFor(const std::string& prefix);
 
   std::mutex mMutex;
-  std::condition_variable mAdded;
   std::vector<Entry> mEntries;
 };
 
