@@ -31,22 +31,47 @@ ssize_t readChunk(int fd, unsigned char* chunk) {
   return static_cast<ssize_t>(filled);
 }
 
-bool deflateFile(z_stream& stream, int input, int output) {
-  std::unique_ptr<unsigned char[]> in(new unsigned char[kChunk]);
-  std::unique_ptr<unsigned char[]> out(new unsigned char[kChunk]);
+// The deflate state and both chunks of a thread, kept from one archive to the next: a rotation
+// then maps and unmaps no memory, which would interrupt the process's other cores.
+struct Compressor {
+  ~Compressor() {
+    if (mReady) deflateEnd(&mStream);
+  }
+  // The stream, reset for a new archive; null when zlib cannot set it up.
+  z_stream* stream() {
+    if (mReady) return deflateReset(&mStream) == Z_OK ? &mStream : nullptr;
+    int ret = deflateInit2(&mStream, kLevel, Z_DEFLATED, kWindowBitsWithGzipWrapper, kMemLevel,
+                           Z_DEFAULT_STRATEGY);
+    if (ret != Z_OK) {
+      VEK_DIAG(ERROR) << android::base::StringPrintf("%s: deflateInit2 failed with error: %d",
+                                                     "compressGzip", ret);
+      mStream = z_stream{};
+      return nullptr;
+    }
+    mReady = true;
+    return &mStream;
+  }
+
+  z_stream mStream{};
+  bool mReady = false;
+  std::unique_ptr<unsigned char[]> mIn{new unsigned char[kChunk]};
+  std::unique_ptr<unsigned char[]> mOut{new unsigned char[kChunk]};
+};
+
+bool deflateFile(z_stream& stream, int input, int output, unsigned char* in, unsigned char* out) {
   int flush = Z_NO_FLUSH;
   while (flush != Z_FINISH) {
-    ssize_t got = readChunk(input, in.get());
+    ssize_t got = readChunk(input, in);
     if (got < 0) {
       VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Error reading input file.",
                                                      "compressGzip");
       return false;
     }
-    stream.next_in = in.get();
+    stream.next_in = in;
     stream.avail_in = static_cast<uInt>(got);
     flush = static_cast<size_t>(got) < kChunk ? Z_FINISH : Z_NO_FLUSH;
     do {
-      stream.next_out = out.get();
+      stream.next_out = out;
       stream.avail_out = kChunk;
       int ret = deflate(&stream, flush);
       if (ret != Z_OK && ret != Z_STREAM_END && ret != Z_BUF_ERROR) {
@@ -54,7 +79,7 @@ bool deflateFile(z_stream& stream, int input, int output) {
                                                        "compressGzip", ret);
         return false;
       }
-      if (!android::base::WriteFully(output, out.get(), kChunk - stream.avail_out)) {
+      if (!android::base::WriteFully(output, out, kChunk - stream.avail_out)) {
         VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to write to output file.",
                                                        "compressGzip");
         return false;
@@ -89,16 +114,12 @@ bool compressGzip(const std::string& in, const std::string& out) {
                                                    "compressGzip", out.c_str());
     return false;
   }
-  z_stream stream{};
-  int ret = deflateInit2(&stream, kLevel, Z_DEFLATED, kWindowBitsWithGzipWrapper, kMemLevel,
-                         Z_DEFAULT_STRATEGY);
-  if (ret != Z_OK) {
-    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: deflateInit2 failed with error: %d",
-                                                   "compressGzip", ret);
-    return false;
-  }
-  bool compressed = deflateFile(stream, input, output);
-  deflateEnd(&stream);
+  // Only the writer thread compresses, so in practice there is one of these per process.
+  thread_local Compressor compressor;
+  z_stream* stream = compressor.stream();
+  if (stream == nullptr) return false;
+  bool compressed =
+      deflateFile(*stream, input, output, compressor.mIn.get(), compressor.mOut.get());
   input.reset();
   return closeArchive(output.release()) && compressed;
 }

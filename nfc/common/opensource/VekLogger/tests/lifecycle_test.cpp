@@ -38,11 +38,13 @@ std::string statusOf(const std::function<int()>& body) {
                              : "exit " + std::to_string(WEXITSTATUS(status));
 }
 
-// Attaches the process as "nfc_process" in root; returns the active log file.
-std::string attach(const vektest::ScratchRoot& root) {
-  VekLogRecorder::getInstance()->attchProcess("nfc_process");
-  return root.path("/data/vendor/nfc/nfc_process.veklog");
-}
+// A child inherits the scratch root through $VEK_LOG_ROOT.
+struct Lifecycle : testing::Test {
+  vektest::ScratchRoot root;
+  std::string log = root.path("/data/vendor/nfc/nfc_process.veklog");
+};
+
+void attach() { VekLogRecorder::getInstance()->attchProcess("nfc_process"); }
 
 size_t countOf(const std::string& text, const std::string& part) {
   size_t found = 0;
@@ -62,7 +64,7 @@ struct LogsWhenDestroyed {
 // tag and destroyed at exit. Made first, it outlives the statics that log at exit here.
 void logBeforeStatics() { __android_log_print(ANDROID_LOG_INFO, nullptr, "first entry"); }
 
-TEST(Lifecycle, FirstUseMakesOneRecorderAndAnEmptyMessageNone) {
+TEST_F(Lifecycle, FirstUseMakesOneRecorderAndAnEmptyMessageNone) {
   EXPECT_EQ("exit 0", statusOf([] {
               vektest::LogCapture& diag = vektest::platformLog();
               const char* empty = "";
@@ -83,14 +85,12 @@ TEST(Lifecycle, FirstUseMakesOneRecorderAndAnEmptyMessageNone) {
 
 // Static destructors, atexit handlers and thread_local destructors log, before and after the
 // recorder's own destructor; what comes while it is alive is recorded.
-TEST(Lifecycle, LoggingFromTeardownIsSafe) {
-  vektest::ScratchRoot root;
-  std::string log = root.path("/data/vendor/nfc/nfc_process.veklog");
-  EXPECT_EQ("exit 0", statusOf([&root] {
+TEST_F(Lifecycle, LoggingFromTeardownIsSafe) {
+  EXPECT_EQ("exit 0", statusOf([] {
               logBeforeStatics();
               static LogsWhenDestroyed afterTheRecorder{"static destructor"};
               atexit([] { __vek_log_e("T", "atexit %d", 1); });
-              attach(root);
+              attach();
               std::thread([] {
                 thread_local LogsWhenDestroyed threadEnd{"thread_local destructor"};
                 __vek_log_i("T", "thread logs");
@@ -102,13 +102,12 @@ TEST(Lifecycle, LoggingFromTeardownIsSafe) {
   EXPECT_EQ(1u, countOf(text, "] thread_local destructor\n"));
 }
 
-TEST(Lifecycle, ExitWhileThreadsLog) {
-  vektest::ScratchRoot root;
-  EXPECT_EQ("exit 0", statusOf([&root] {
+TEST_F(Lifecycle, ExitWhileThreadsLog) {
+  EXPECT_EQ("exit 0", statusOf([] {
               // Threads that print while exit destroys liblog's default tag would fail there.
               android::base::SetProperty("persist.vendor.vek.nfc.log", "05");
               static LogsWhenDestroyed afterTheRecorder{"after the recorder"};
-              attach(root);
+              attach();
               static std::atomic<long> logged(0);
               for (int t = 0; t < 4; ++t) {
                 std::thread([t] {
@@ -139,13 +138,11 @@ constexpr size_t kLoggingThreads = 2;
 #endif
 
 // Children forked while other threads log can log, flush and exit; each line is written once.
-TEST(Lifecycle, ForkedChildrenLogFlushAndExit) {
-  vektest::ScratchRoot root;
-  std::string log = root.path("/data/vendor/nfc/nfc_process.veklog");
+TEST_F(Lifecycle, ForkedChildrenLogFlushAndExit) {
   constexpr int kChildren = 20;
-  EXPECT_EQ("exit 0", statusOf([&root] {
+  EXPECT_EQ("exit 0", statusOf([] {
               android::base::SetProperty("persist.vendor.vek.nfc.log", "05");
-              attach(root);
+              attach();
               std::atomic<bool> done(false);
               std::vector<std::thread> threads(kLoggingThreads);
               for (auto& thread : threads) {
@@ -177,17 +174,15 @@ TEST(Lifecycle, ForkedChildrenLogFlushAndExit) {
 
 // Loggers of both platform layers forward every entry back into the library: its own
 // diagnostics and prints come back on the same thread, and nothing may deadlock.
-TEST(Lifecycle, ForwardingPlatformLoggers) {
-  vektest::ScratchRoot root;
-  std::string log = root.path("/data/vendor/nfc/nfc_process.veklog");
-  EXPECT_EQ("signal " + std::to_string(SIGABRT), statusOf([&root] {
+TEST_F(Lifecycle, ForwardingPlatformLoggers) {
+  EXPECT_EQ("signal " + std::to_string(SIGABRT), statusOf([] {
               android::base::SetMinimumLogSeverity(android::base::VERBOSE);
               android::base::SetLogger([](android::base::LogId, android::base::LogSeverity,
                                           const char* tag, const char*, unsigned,
                                           const char* text) { __vek_log_w(tag, "%s", text); });
               __android_log_set_logger(
                   [](const __android_logger_data*, const char* text) { VEK_LOG(INFO) << text; });
-              attach(root);
+              attach();
               __vek_log_i("T", "printed once");
               if (!__vek_save_log_now()) return 1;
               VEK_LOG(FATAL) << "last words";
@@ -200,8 +195,7 @@ TEST(Lifecycle, ForwardingPlatformLoggers) {
 
 // A kernel log node that never delivers holds the writer in its task; exit does not wait for
 // it beyond its bound.
-TEST(Lifecycle, ExitWithTheWriterStuckInATask) {
-  vektest::ScratchRoot root;
+TEST_F(Lifecycle, ExitWithTheWriterStuckInATask) {
   std::string node = root.path("/proc/vekdev/logger");
   ASSERT_EQ(0, mkfifo(node.c_str(), 0600));
   EXPECT_EQ("exit 0", statusOf([node] {
@@ -214,13 +208,12 @@ TEST(Lifecycle, ExitWithTheWriterStuckInATask) {
 }
 
 // A rotation under way at exit ends with the log file either archived whole or kept whole.
-TEST(Lifecycle, ExitWhileCompressingLosesNothingArchived) {
-  vektest::ScratchRoot root;
+TEST_F(Lifecycle, ExitWhileCompressingLosesNothingArchived) {
   std::string dir = root.path("/data/vendor/nfc/");
   std::string text = vektest::logText(15L * 1024 * 1024 - 100);
   vektest::writeFile(dir + "nfc_process.veklog", text);
-  EXPECT_EQ("exit 0", statusOf([&root, &dir] {
-              attach(root);
+  EXPECT_EQ("exit 0", statusOf([&dir] {
+              attach();
               __vek_log_i("T", "%s", std::string(200, 'e').c_str());
               VekLogRecorder::getInstance()->saveLogsToFile(false);
               // The archive appears as the compression starts.
