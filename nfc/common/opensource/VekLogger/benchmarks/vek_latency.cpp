@@ -23,7 +23,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cmath>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -146,6 +149,60 @@ size_t oneLineBytes(const std::string& path) {
 
 void dropEntry(const __android_logger_data*, const char*) {}
 
+std::string spread(std::vector<int64_t>& sorted) {
+  std::sort(sorted.begin(), sorted.end());
+  char text[96];
+  snprintf(text, sizeof(text), "p50 %lld, p90 %lld, p99 %lld ns",
+           static_cast<long long>(percentile(sorted, 500000)),
+           static_cast<long long>(percentile(sorted, 900000)),
+           static_cast<long long>(percentile(sorted, 990000)));
+  return text;
+}
+
+// Where a single thread's slow calls come from: the calls that hand a batch to the writer, set
+// against the others, and what it costs to wake a thread that waits on a condition variable
+// (which a hand-over does whenever the writer is idle).
+void handOverBreakdown(VekLogRecorder* recorder, int64_t calls) {
+  std::vector<int64_t> handing, others;
+  handing.reserve(calls / 50);
+  others.reserve(calls);
+  for (int64_t i = 0; i < calls; ++i) {
+    const size_t before = recorder->mBuffer.size();
+    const int64_t start = nowNs();
+    vekbench::vekLine(i);
+    const int64_t took = nowNs() - start;
+    (recorder->mBuffer.size() < before ? handing : others).push_back(took);
+  }
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::vector<int64_t> notifies;
+  bool waiting = false;
+  std::thread waiter([&] {
+    std::unique_lock<std::mutex> lock(mutex);
+    for (int64_t i = 0; i < 2000; ++i) {
+      waiting = true;
+      wake.notify_one();
+      wake.wait(lock, [&] { return !waiting; });
+    }
+  });
+  for (int64_t i = 0; i < 2000; ++i) {
+    std::unique_lock<std::mutex> lock(mutex);
+    wake.wait(lock, [&] { return waiting; });
+    waiting = false;
+    lock.unlock();
+    std::this_thread::sleep_for(std::chrono::microseconds(50));  // let it sleep in the kernel
+    const int64_t start = nowNs();
+    wake.notify_one();
+    notifies.push_back(nowNs() - start);
+  }
+  waiter.join();
+  printf("handover: 1 thread, %zu of %lld calls hand a batch over: %s; the other calls: %s\n",
+         handing.size(), static_cast<long long>(calls), spread(handing).c_str(),
+         spread(others).c_str());
+  printf("handover: notify_one to a thread waiting on a condition variable: %s\n",
+         spread(notifies).c_str());
+}
+
 bool writeJson(const char* path, const std::vector<Run>& runs) {
   FILE* out = fopen(path, "w");
   if (out == nullptr) {
@@ -242,6 +299,7 @@ int main(int argc, char** argv) {
                   measure(threads, calls, [&](int64_t i) { vekbench::spdlogLine(*peer, i); }),
                   spdlogLineBytes));
   }
+  handOverBreakdown(VekLogRecorder::getInstance(), calls);
   spdlog::shutdown();
   removeTree(root);
   return outPath == nullptr || writeJson(outPath, runs) ? 0 : 1;

@@ -45,7 +45,9 @@ scratch=$(mktemp -d)
   --benchmark_report_aggregates_only=true \
   --benchmark_out="$scratch/bench.json" --benchmark_out_format=json | tee "$scratch/stdout.txt"
 grep -E '^(sustained|rotation|flush|memory):' "$scratch/stdout.txt" > "$scratch/storage.txt"
-"$bin/vek_latency" --calls "${calls:-1200000}" --out "$scratch/latency.json"
+"$bin/vek_latency" --calls "${calls:-1200000}" --out "$scratch/latency.json" |
+  tee "$scratch/latency.txt"
+grep -E '^handover:' "$scratch/latency.txt" >> "$scratch/storage.txt"
 python3 "$here/../benchmarks/report.py" "$scratch/bench.json" "$scratch/storage.txt" \
   "$scratch/latency.json" "$scratch"
 cp "$scratch/RESULTS.md" "$scratch/threads.png" "$scratch/latency.png" "$out/"
