@@ -24,8 +24,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cmath>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
