@@ -155,8 +155,9 @@ TEST_F(Lifecycle, ForkedChildrenLogFlushAndExit) {
               std::atomic<bool> done(false);
               std::vector<std::thread> threads(kLoggingThreads);
               for (auto& thread : threads) {
+                // At most about 2 MiB in all, so that no child meets a rotation, however slow.
                 thread = std::thread([&done] {
-                  while (!done) {
+                  for (int burst = 0; burst < 2000 && !done; ++burst) {
                     for (int line = 0; line < 10; ++line) __vek_log_d("T", "parent thread");
                     std::this_thread::sleep_for(std::chrono::milliseconds(1));
                   }
