@@ -102,6 +102,7 @@ VekLogAdapter::~VekLogAdapter() {
   // Printing at FATAL ends the process: get the message onto storage first.
   if (mLevel == 1) recorder->saveLogsToFile(true);
   if (recorder->mPrintLevel >= mLevel && platform != nullptr) {
+    vek::LibbaseLine line;
     vek::ScopedInside printing(vek::Inside::kPrinting);
     android::base::LogMessage(mFile, static_cast<unsigned int>(mLine), platform->mSeverity, nullptr,
                               -1)

@@ -18,6 +18,7 @@ struct Diag {
   std::ostream& stream() { return mMessage.stream(); }
 
   android::base::ErrnoRestorer mErrnoRestorer;
+  LibbaseLine mLine;
   ScopedInside mInside;
   android::base::LogMessage mMessage;
 };

@@ -81,8 +81,13 @@ void stopWriter(VekLogRecorder& recorder) {
   }
 }
 
-// The parent keeps mMutex across fork, so the child's copy of the buffer and queue is whole.
+pthread_rwlock_t gLibbaseLines = PTHREAD_RWLOCK_INITIALIZER;
+
+// The parent keeps mMutex across fork, so the child's copy of the buffer and queue is whole,
+// and lets no line of the library be half written through libbase. In that order: a line may
+// come back through a platform logger into record, which takes mMutex.
 void lockForFork() {
+  pthread_rwlock_wrlock(&gLibbaseLines);
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   if (!recorder->mClosed) recorder->mMutex.lock();
 }
@@ -90,12 +95,14 @@ void lockForFork() {
 void unlockInParent() {
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   if (!recorder->mClosed) recorder->mMutex.unlock();
+  pthread_rwlock_unlock(&gLibbaseLines);
 }
 
 // The child has one thread. The lock and condition variable are made anew (the parent's
 // writer is counted among the old one's waiters), the parent's text is left to the parent,
 // and a writer of the child's own starts with its first hand-over.
 void resetInChild() {
+  pthread_rwlock_init(&gLibbaseLines, nullptr);
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   if (recorder->mClosed) return;
   new (&recorder->mMutex) std::mutex;
@@ -111,6 +118,10 @@ void resetInChild() {
 }  // namespace
 
 thread_local Inside tInside = Inside::kNothing;
+
+LibbaseLine::LibbaseLine() { pthread_rwlock_rdlock(&gLibbaseLines); }
+
+LibbaseLine::~LibbaseLine() { pthread_rwlock_unlock(&gLibbaseLines); }
 
 UserScope::UserScope(VekLogRecorder& recorder) : mRecorder(recorder) {
   mRecorder.mUsers.fetch_add(1);
