@@ -31,7 +31,8 @@
 //   thread_local object may log from its own destructor.
 // - fork(): the child gets a working recorder: a fresh lock and condition variable, and its own
 //   writer, started by its first hand-over. The parent's queued and buffered text is the
-//   parent's to write; the child drops its copy, so no line is written twice.
+//   parent's to write; the child drops its copy, so no line is written twice. fork waits for a
+//   line the library is writing through libbase, whose logging lock a child would inherit held.
 // - A log call that comes back into the library on the same thread, through a platform logger
 //   that forwards into it, is not recorded: one that comes from the library's own diagnostic
 //   is printed (through liblog, without the threshold check), and one that comes from the
