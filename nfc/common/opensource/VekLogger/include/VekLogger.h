@@ -37,9 +37,11 @@
 //   that forwards into it, is not recorded: one that comes from the library's own diagnostic
 //   is printed (through liblog, without the threshold check), and one that comes from the
 //   library's own printing is dropped, since the platform log already has it. Diagnostics are
-//   written with mMutex released, so nothing here can deadlock on it. (A logger of
-//   android::base that forwards into VEK_LOG still deadlocks in libbase itself, which holds its
-//   logging lock while a logger runs, as it does for LOG() there.)
+//   written with mMutex released, so nothing here can deadlock on it. (libbase holds its
+//   logging lock while a logger runs, so a LOG() line of the host that reaches such a logger
+//   must not come back as VEK_LOG, nor be the library's first use, whose diagnostic is a LOG()
+//   line too: either waits on that lock, as LOG() there would. Use the library once at
+//   start-up, as attchProcess does.)
 // - A writer thread that cannot be started ends the process: the library is built without
 //   exceptions, which is the only way std::thread reports the failure. A process that cannot
 //   start one thread at its first log call cannot serve NFC either; init restarts it.
