@@ -2,11 +2,10 @@
 //
 //   before:  <dir>/nfc_process.veklog (would pass 15 MiB)   nfc_process_<older>.gz x0..5
 //   prune:   delete the oldest nfc_process_*.gz while five or more remain
-//   archive: gzip nfc_process.veklog -> <dir>//nfc_process_YYYYmmdd_HHMMSS.gz, or _1.gz, _2.gz
-//            after the stamp when that name is taken; a failure removes the cut archive
+//   archive: gzip nfc_process.veklog -> <dir>//nfc_process_YYYYmmdd_HHMMSS.gz (or _1.gz, _2.gz
+//            after the stamp when an older archive has that name); a failure removes it
 //   remove:  nfc_process.veklog; the append that follows starts a new file
 #include <dirent.h>
-#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -24,38 +23,43 @@ namespace {
 
 constexpr size_t kArchivesKept = 5;
 
-// False when the listing breaks off: pruning a partial list would keep archives piling up.
-bool listArchives(DIR* dir, const std::string& prefix, std::vector<std::string>* names) {
-  for (;;) {
-    errno = 0;
-    dirent* entry = readdir(dir);
-    if (entry == nullptr) return errno == 0;
+std::vector<std::string> listArchives(DIR* dir, const std::string& prefix) {
+  std::vector<std::string> names;
+  while (dirent* entry = readdir(dir)) {
     if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0)
-      names->emplace_back(entry->d_name);
+      names.emplace_back(entry->d_name);
   }
+  return names;
 }
 
-// The plain archive name for now or, when an entry has it already (a rotation earlier in the
-// same second, or one from before the clock went back), the first free of <stamp>_1.gz,
-// <stamp>_2.gz, ... These sort right after the plain name ('.' < '_'), so byte order stays age
+// The archive this thread's last rotation made. Only the writer rotates, one file at a time.
+thread_local std::string tLastArchive;
+
+// The archive name for now. A rotation later in the same second takes the name of the one
+// before it and replaces it. Any other entry with that name (an archive from before the clock
+// went back, or one planted there) is kept: the first free of <stamp>_1.gz, <stamp>_2.gz, ...
+// is taken instead. These sort right after the plain name ('.' < '_'), so byte order stays age
 // order; with retention leaving four entries at most, the number stays one digit.
-std::string freeArchivePath(const LogTarget& target) {
+std::string archivePath(const LogTarget& target) {
   std::string plain = getCompressedLogFile(target);
   std::string path = plain;
   struct stat st;
-  for (int n = 1; lstat(path.c_str(), &st) == 0; ++n) {
+  for (int n = 1; path != tLastArchive && lstat(path.c_str(), &st) == 0; ++n) {
     path = plain.substr(0, plain.size() - 3) + "_" + std::to_string(n) + ".gz";
   }
   return path;
 }
 
 // A cut archive is removed: kept, it would take a good archive's place at every retry. The
-// name was free, so what is there now is this rotation's.
+// name was free, or this thread's own, so what is there now is this rotation's.
 bool archiveLogFile(const LogTarget& target) {
-  std::string archive = freeArchivePath(target);
-  if (compressGzip(target.mLogFilePath, archive)) return true;
-  unlink(archive.c_str());
-  return false;
+  std::string archive = archivePath(target);
+  if (!compressGzip(target.mLogFilePath, archive)) {
+    unlink(archive.c_str());
+    return false;
+  }
+  tLastArchive = archive;
+  return true;
 }
 
 }  // namespace
@@ -104,14 +108,8 @@ bool manageCompressFiles(const LogTarget& target) {
                                                    target.mLogDir.c_str());
     return false;
   }
-  std::vector<std::string> names;
-  bool listed = listArchives(dir, target.mProcessName + "_", &names);
+  std::vector<std::string> names = listArchives(dir, target.mProcessName + "_");
   closedir(dir);
-  if (!listed) {
-    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: readdir %s failed.", "manageCompressFiles",
-                                                   target.mLogDir.c_str());
-    return false;
-  }
 
   // Names carry their time stamp, so byte order is age order, oldest first.
   std::sort(names.begin(), names.end());

@@ -65,11 +65,12 @@
 //   links and without waiting, and used only when they are regular files. A link, FIFO or
 //   device at the log file's path fails each write ("Failed to append file: <path>") until a
 //   regular file or nothing is there; nothing outside the directory is read or written.
-// - An archive is never written over. When "<process>_<stamp>.gz" is taken (by a rotation
-//   earlier in the same second, by one from before the clock was set back, or by an entry
-//   planted there), the rotation uses "<process>_<stamp>_1.gz", then _2 and so on; these sort
-//   right after the plain name, so retention, deleting in byte order, still deletes the older.
-//   (compressGzip() itself makes or replaces the file it is given, as a regular file only.)
+// - Archives are named to the second, so a rotation later in the same second takes the name
+//   of the one before it and replaces that archive. Any other entry with the name (an archive
+//   from before the clock was set back, or one planted there) is kept: the rotation uses
+//   "<process>_<stamp>_1.gz", then _2 and so on, which sort right after the plain name, so
+//   retention, deleting in byte order, still deletes the older. (compressGzip() itself makes
+//   or replaces the file it is given, as a regular file only.)
 // - A rotation whose compression fails (a full disk) removes the archive it began and keeps
 //   the log file, so failing again and again costs at most the one archive pruned to make
 //   room. compressGzip() itself leaves a failed output as it is.
@@ -146,7 +147,7 @@ class VEK_EXPORT VekLogRecorder {
   // the file into an archive first when they would not fit.
   bool checkLogFileExceed(int size);
   // The path of a new archive for the current local time: mLogDir + "/" + name + "_" + time.
-  // A rotation adds "_1", "_2", ... before ".gz" when that name is taken.
+  // A rotation adds "_1", "_2", ... before ".gz" when an older archive has that name.
   std::string getCompressedLogFile();
   // Compresses the file in into a gzip file out, made or replaced; neither is opened through a
   // link, nor unless it is a regular file. The input is never changed.

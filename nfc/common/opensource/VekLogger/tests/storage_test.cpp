@@ -126,7 +126,18 @@ TEST_F(StorageTest, RotatesAboveTheLimitKeepingFiveArchives) {
   EXPECT_EQ(dir + "/nfc_process_", path.substr(0, dir.size() + 13)) << path;
   EXPECT_EQ(expected.back().size(), path.size() - dir.size() - 1) << path;
   EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + archives().back()));
-  EXPECT_EQ(1, diag.count(ANDROID_LOG_INFO, "fileSize is full: " + std::to_string(kLimit + 1)));
+
+  // Another rotation: within the same second it replaces the archive just made.
+  writeFile(log, "second\n");
+  ASSERT_EQ(0, truncate(log.c_str(), kLimit - 10));
+  time_t again = time(nullptr);
+  EXPECT_TRUE(recorder->checkLogFileExceed(11));
+  if (again == before && time(nullptr) == before) {
+    EXPECT_EQ((std::vector<std::string>{archive(3), archive(4), archive(5), expected.back()}),
+              archives());
+  }
+  EXPECT_EQ("second\n", vektest::gunzip(dir + archives().back()).substr(0, 7));
+  EXPECT_EQ(2, diag.count(ANDROID_LOG_INFO, "fileSize is full: " + std::to_string(kLimit + 1)));
 
   EXPECT_FALSE(recorder->checkLogFileExceed(kLimit + 1)) << "no log file to compress";
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "compressGzip: Failed to open input file: " + log));
