@@ -24,23 +24,23 @@ const PlatformLevel* platformLevel(int level) {
   return level >= 1 && level <= 6 ? &kPlatformLevels[level - 1] : nullptr;
 }
 
-// Prints a message that came back into the library from its own diagnostic. It is not
-// recorded, and not checked against the print threshold: the recorder may be under
-// construction on this very thread, and the platform already chose to log the diagnostic.
-void printComingBack(int priority, const char* tag, const char* text) {
+// Prints through liblog, marked, so that a platform logger that forwards the entry back into
+// the library finds it already printed.
+void print(int priority, const char* tag, const char* text) {
   vek::ScopedInside printing(vek::Inside::kPrinting);
   __android_log_print(priority, tag, "%s", text);
 }
 
-// Records and prints text, formatted in full (no length limit) by the caller.
+// Records and prints text, formatted in full (no length limit) by the caller. A message that
+// came back from the library's own diagnostic is printed only, without the threshold check:
+// the recorder may be under construction on this very thread, and the platform already chose
+// to log the diagnostic.
 void logText(int level, const char* tag, const char* text, size_t length) {
   int priority = platformLevel(level)->mPriority;
-  if (vek::tInside == vek::Inside::kDiagnostic) return printComingBack(priority, tag, text);
+  if (vek::tInside == vek::Inside::kDiagnostic) return print(priority, tag, text);
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   vek::recordText(*recorder, level, tag, std::string_view(text, length));
-  if (recorder->mPrintLevel < level) return;
-  vek::ScopedInside printing(vek::Inside::kPrinting);
-  __android_log_print(priority, tag, "%s", text);
+  if (recorder->mPrintLevel >= level) print(priority, tag, text);
 }
 
 // Formats into the stack, or once more into the heap when the text is longer. A null tag is
@@ -92,7 +92,7 @@ VekLogAdapter::~VekLogAdapter() {
   std::string text = mStream.str();
   const PlatformLevel* platform = platformLevel(mLevel);
   if (vek::tInside == vek::Inside::kDiagnostic) {
-    if (platform != nullptr) printComingBack(platform->mPriority, "", text.c_str());
+    if (platform != nullptr) print(platform->mPriority, "", text.c_str());
     return;
   }
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
