@@ -27,28 +27,22 @@ VekLogRecorder* attachedRecorder() {
   return recorder;
 }
 
-// The lines of a message, found byte by byte.
+// The lines of a message: a trailing line feed ends the last one, it does not start another.
 std::vector<std::string> expectedLines(const std::string& message) {
   std::vector<std::string> lines;
-  std::string line;
-  for (char c : message) {
-    if (c == '\n') {
-      lines.push_back(line);
-      line.clear();
-    } else {
-      line += c;
-    }
+  for (size_t start = 0, end; start < message.size(); start = end + 1) {
+    end = std::min(message.find('\n', start), message.size());
+    lines.push_back(message.substr(start, end - start));
   }
-  if (!line.empty()) lines.push_back(line);
   return lines;
 }
 
+// "dd-dd dd:dd:dd.ddd", d a digit.
 bool wellFormedStamp(const std::string& text, size_t at) {
-  static const char kStamp[] = "dd-dd dd:dd:dd.ddd";  // d: a digit
-  if (text.size() < at + sizeof(kStamp) - 1) return false;
-  for (size_t i = 0; i + 1 < sizeof(kStamp); ++i) {
-    char c = text[at + i];
-    if (kStamp[i] == 'd' ? (c < '0' || c > '9') : c != kStamp[i]) return false;
+  for (size_t i = 0; i < 18; ++i) {
+    char c = at + i < text.size() ? text[at + i] : '\0';
+    char want = "dd-dd dd:dd:dd.ddd"[i];
+    if (want == 'd' ? (c < '0' || c > '9') : c != want) return false;
   }
   return true;
 }

@@ -4,7 +4,6 @@
 #include <android-base/logging.h>
 #include <android-base/properties.h>
 #include <dirent.h>
-#include <ftw.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -14,22 +13,12 @@
 
 namespace vektest {
 
-// Under $TMPDIR when set (a device's test runner sets /data/local/tmp), else /tmp.
 ScratchRoot::ScratchRoot() {
-  const char* tmp = getenv("TMPDIR");
-  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vek.XXXXXX";
-  mRoot = mkdtemp(&pattern[0]);
   setenv("VEK_LOG_ROOT", mRoot.c_str(), 1);
   for (const char* dir : {"/data", "/data/vendor", "/data/vendor/nfc",
                           "/data/vendor/secure_element", "/proc", "/proc/vekdev"}) {
     mkdir(path(dir).c_str(), 0755);
   }
-}
-
-ScratchRoot::~ScratchRoot() {
-  nftw(
-      mRoot.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
-      FTW_DEPTH | FTW_PHYS);
 }
 
 LogCapture& platformLog() {
@@ -154,6 +143,19 @@ void NfcProcessTest::SetUp() {
 void NfcProcessTest::setLevels(const char* value) {
   android::base::SetProperty("persist.vendor.vek.nfc.log", value);
   recorder->initFeatureLevel();
+}
+
+std::vector<std::string> NfcProcessTest::archives() {
+  std::vector<std::string> names = listDir(dir);
+  names.erase(std::remove_if(names.begin(), names.end(),
+                             [](const std::string& n) { return n.rfind("nfc_process_", 0) != 0; }),
+              names.end());
+  return names;
+}
+
+void NfcProcessTest::sparseLog(off_t size) {
+  writeFile(log, "");
+  ASSERT_EQ(0, truncate(log.c_str(), size));
 }
 
 }  // namespace vektest

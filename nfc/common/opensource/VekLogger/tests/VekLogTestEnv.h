@@ -2,8 +2,10 @@
 // writer thread. Every case runs in one process with the others, in any order.
 #pragma once
 
+#include <android-base/file.h>
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <future>
 #include <mutex>
@@ -14,13 +16,16 @@
 
 namespace vektest {
 
-// A scratch root with the device directories, with VEK_LOG_ROOT pointing at it.
+constexpr off_t kLimit = 15L * 1024 * 1024;
+
+// A scratch root with the device directories, with VEK_LOG_ROOT pointing at it. It is made
+// under $TMPDIR on a host and under /data/local/tmp on a device.
 struct ScratchRoot {
   ScratchRoot();
-  ~ScratchRoot();
   std::string path(const std::string& devicePath) const { return mRoot + devicePath; }
 
-  std::string mRoot;
+  TemporaryDir mDir;
+  std::string mRoot = mDir.path;
 };
 
 // One platform log entry. libbase hands its lines to liblog, so diagnostics (which carry a
@@ -75,6 +80,9 @@ std::string runCommand(const std::string& command);
 struct NfcProcessTest : testing::Test {
   void SetUp() override;
   void setLevels(const char* value);
+  std::vector<std::string> archives();  // this process's, sorted
+  // A log file of size bytes that takes no space: the limit is reached without writing 15 MiB.
+  void sparseLog(off_t size);
 
   ScratchRoot root;
   LogCapture& diag = platformLog();

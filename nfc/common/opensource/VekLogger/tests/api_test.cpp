@@ -67,6 +67,7 @@ TEST_F(ApiTest, MessagesArePrintedWholeAndLiterally) {
   __vek_log_i("T", "%s|", big.c_str());
   __vek_log_i(none, "%s", "a null tag is an empty one");
   __vek_log_i("T", none, 0);
+  __vek_log_i("T", "%s", "");  // an empty message is not printed
   std::vector<vektest::Entry> got = printed();
   ASSERT_EQ(3u, got.size());
   EXPECT_EQ("", got[2].mTag);
