@@ -51,15 +51,22 @@ std::string archivePath(const LogTarget& target) {
 }
 
 // A cut archive is removed: kept, it would take a good archive's place at every retry. The
-// name was free, or this thread's own, so what is there now is this rotation's.
+// name was free, or this thread's own. An archive of this thread's that is still the same file
+// of the same size was never opened for output (the input failed first), so it stays whole.
 bool archiveLogFile(const LogTarget& target) {
   std::string archive = archivePath(target);
-  if (!compressGzip(target.mLogFilePath, archive)) {
-    unlink(archive.c_str());
-    return false;
+  struct stat before;
+  bool existed = lstat(archive.c_str(), &before) == 0;
+  if (compressGzip(target.mLogFilePath, archive)) {
+    tLastArchive = archive;
+    return true;
   }
-  tLastArchive = archive;
-  return true;
+  struct stat after;
+  if (!existed || lstat(archive.c_str(), &after) != 0 || after.st_ino != before.st_ino ||
+      after.st_size != before.st_size) {
+    unlink(archive.c_str());
+  }
+  return false;
 }
 
 }  // namespace

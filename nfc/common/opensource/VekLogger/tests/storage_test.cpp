@@ -17,6 +17,13 @@ namespace {
 
 struct StorageTest : vektest::NfcProcessTest {
   std::string archive(int day) { return "nfc_process_202501" + std::to_string(10 + day) + ".gz"; }
+  // Queues a write task; taking mMutex while the writer runs the gate task shows that tasks
+  // run unlocked.
+  bool send(const std::string& text) {
+    std::lock_guard<std::mutex> lock(recorder->mMutex);
+    return recorder->sendBuffToWorker(std::vector<char>(text.begin(), text.end()), nullptr);
+  }
+  void drain() { vektest::WriterGate{recorder}.release(); }
   void makeArchives(int count) {
     for (int day = count - 1; day >= 0; --day) writeFile(dir + archive(day), "x");
   }
@@ -102,29 +109,36 @@ TEST_F(StorageTest, RotatesAboveTheLimitKeepingFiveArchives) {
   EXPECT_EQ(4u, archives().size()) << "a failed rotation leaves no archive";
 }
 
+// Tasks run in queue order with mMutex free, each for the attachment it was queued under; the
+// NFC HAL process's append the kernel log after their batch.
 TEST_F(StorageTest, WriteTasksAppendTheKernelLogInTheHalProcessOnly) {
   std::string node = root.path("/proc/vekdev/logger");
   std::string klog = vektest::logText(3 * 3072 + 100);
   klog[5] = klog[3072] = '\0';
   writeFile(node, klog);
-  for (std::string name : {"nfc_process", "se_process", "se_hal_process"}) {
+  const std::string names[] = {"nfc_process", "se_process", "se_hal_process", "nfc_hal_process"};
+  vektest::WriterGate gate(recorder);
+  for (const std::string& name : names) {
     recorder->attchProcess(name);
-    EXPECT_EQ(0, vektest::writeNow(recorder, "line\n"));
-    std::string sub = name[0] == 'n' ? "nfc/" : "secure_element/";
-    EXPECT_EQ("line\n", readFile(root.path("/data/vendor/" + sub + name + ".veklog"))) << name;
+    send(name + " 1\n");
+    send(name + " 2\n");
   }
-  recorder->attchProcess("nfc_hal_process");
-  std::string halLog = dir + "nfc_hal_process.veklog";
-  EXPECT_EQ(0, vektest::writeNow(recorder, "line\n"));
-  EXPECT_EQ("line\n" + klog, readFile(halLog));
-
+  EXPECT_EQ(8u, recorder->mTasks.size());
+  gate.release();
+  drain();
+  std::string expected;
+  for (const std::string& name : names) {
+    std::string sub = name[0] == 'n' ? "nfc/" : "secure_element/";
+    std::string klogs = name == "nfc_hal_process" ? klog : "";
+    expected = name + " 1\n" + klogs + name + " 2\n" + klogs;
+    EXPECT_EQ(expected, readFile(root.path("/data/vendor/" + sub + name + ".veklog")));
+  }
   unlink(node.c_str());
-  EXPECT_EQ(0, vektest::writeNow(recorder, "last\n"));
-  EXPECT_EQ("line\n" + klog + "last\nError: Unable to open klog file at /proc/vekdev/logger\n",
-            readFile(halLog));
-
-  std::lock_guard<std::mutex> lock(recorder->mMutex);
-  EXPECT_FALSE(recorder->sendBuffToWorker(std::vector<char>(), nullptr));
+  send("last\n");
+  drain();
+  EXPECT_EQ(expected + "last\nError: Unable to open klog file at /proc/vekdev/logger\n",
+            readFile(dir + "nfc_hal_process.veklog"));
+  EXPECT_FALSE(send("")) << "an empty batch";
   EXPECT_TRUE(recorder->mTasks.empty());
 }
 
