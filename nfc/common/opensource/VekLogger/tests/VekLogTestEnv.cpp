@@ -49,8 +49,7 @@ std::vector<Entry> LogCapture::entries() {
 int LogCapture::count(int priority, const std::string& text) {
   std::vector<Entry> all = entries();
   return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const Entry& e) {
-    return priority == 0 ? e.mText.compare(0, text.size(), text) == 0
-                         : e.mPriority == priority && e.mText == text;
+    return e.mPriority == priority && e.mText == text;
   }));
 }
 
@@ -103,16 +102,6 @@ std::vector<std::string> listDir(const std::string& dir) {
   }
   std::sort(names.begin(), names.end());
   return names;
-}
-
-int writeNow(VekLogRecorder* recorder, const std::string& text) {
-  auto promise = std::make_shared<std::promise<int>>();
-  std::future<int> done = promise->get_future();
-  {
-    std::lock_guard<std::mutex> lock(recorder->mMutex);
-    recorder->sendBuffToWorker(std::vector<char>(text.begin(), text.end()), promise);
-  }
-  return done.wait_for(std::chrono::seconds(10)) == std::future_status::ready ? done.get() : -1;
 }
 
 std::string runCommand(const std::string& command) {

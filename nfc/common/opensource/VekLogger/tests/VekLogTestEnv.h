@@ -43,9 +43,7 @@ struct Entry {
 struct LogCapture {
   std::vector<Entry> entries();
   void clear();
-  // Entries at priority whose text is text; with priority 0, at any priority starting with it.
-  int count(int priority, const std::string& text);
-  int countPrefix(const std::string& prefix) { return count(0, prefix); }
+  int count(int priority, const std::string& text);  // entries with exactly this text
 
   std::mutex mMutex;
   std::vector<Entry> mEntries;
@@ -68,8 +66,6 @@ std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
 std::vector<std::string> listDir(const std::string& dir);  // sorted, without . and ..
-// Queues text as a write task and returns its completion value, or -1 after 10 s without one.
-int writeNow(VekLogRecorder* recorder, const std::string& text);
 // Decompresses with the gzip program, as a field engineer would.
 std::string gunzip(const std::string& path);
 // The standard output of a shell command, which must exit with 0.

@@ -85,7 +85,8 @@ TEST_F(FaultTest, AppendFailsWhileTheFaultHoldsThenResumes) {
     EXPECT_EQ(!c.mNoticed, logAndFlush("while broken")) << c.mWhat;
     EXPECT_EQ(c.mNoticed ? 1 : 0, diag.count(ANDROID_LOG_ERROR, "Failed to append file: " + log))
         << c.mWhat;
-    EXPECT_EQ(0, diag.countPrefix("saving logs timeout!")) << c.mWhat << ": the writer waited";
+    EXPECT_EQ(0, diag.count(ANDROID_LOG_ERROR, "saving logs timeout!"))
+        << c.mWhat << ": the writer waited";
     EXPECT_FALSE(recorder->checkLogFileExceed(kLimit + 1)) << c.mWhat << ": nothing archived";
     ASSERT_EQ(0, c.mRepair()) << c.mWhat;
     EXPECT_TRUE(logAndFlush("once repaired"));

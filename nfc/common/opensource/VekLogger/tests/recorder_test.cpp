@@ -1,13 +1,34 @@
-// The recorder object: level property, thresholds, writer thread, attachment. First use and
-// the recorder's end are lifecycle_test.cpp's.
-#include <android-base/properties.h>
+// The recorder: level property, attachment, the line format, hand-over to the writer and
+// flush on demand. How messages split into lines is fuzz_record's; first use and the recorder's
+// end are lifecycle_test.cpp's.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
 
 #include "VekLogTestEnv.h"
 
+using vektest::readFile;
+
 namespace {
 
-using RecorderTest = vektest::NfcProcessTest;
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  for (size_t feed; (feed = text.find('\n', start)) != std::string::npos; start = feed + 1) {
+    lines.push_back(text.substr(start, feed - start));
+  }
+  return lines;
+}
+
+struct RecorderTest : vektest::NfcProcessTest {
+  std::vector<std::string> bufferedLines() {
+    return splitLines(std::string(recorder->mBuffer.begin(), recorder->mBuffer.end()));
+  }
+};
 
 TEST_F(RecorderTest, LevelPropertyMapsEachDigitOnItsOwn) {
   const struct {
@@ -24,41 +45,12 @@ TEST_F(RecorderTest, LevelPropertyMapsEachDigitOnItsOwn) {
   }
 }
 
-TEST_F(RecorderTest, RecordThresholdZeroStartsNoWriter) {
-  android::base::SetProperty("persist.vendor.vek.nfc.log", "60");
+// Only an exact name selects paths; any other attaches and keeps the paths it had. Recording
+// off, no writer starts and nothing is recorded, negative levels included.
+TEST_F(RecorderTest, AttachByExactNameWithRecordingOff) {
+  setLevels("60");
   VekLogRecorder quiet;
-  quiet.attchProcess("nfc_process");
-  EXPECT_FALSE(quiet.mWorker.joinable());
-  quiet.record(-1, "T", "negative levels need a writer too");
-  EXPECT_TRUE(quiet.mBuffer.empty());
-  EXPECT_FALSE(quiet.isNeedRecord(0) || quiet.isNeedRecord(1));
-}
-
-// Tasks run in queue order, with mMutex free meanwhile, each for the attachment it was
-// queued under.
-TEST_F(RecorderTest, WriterRunsTasksInOrderUnlockedForTheirAttachment) {
-  vektest::WriterGate gate(recorder);
-  std::vector<std::future<int>> done;
-  for (const char* name : {"se_process", "se_process", "nfc_process"}) {
-    recorder->attchProcess(name);
-    auto promise = std::make_shared<std::promise<int>>();
-    done.push_back(promise->get_future());
-    std::string text = std::string(name) + "\n";
-    // Taking mMutex while the writer runs the gate task shows that tasks run unlocked.
-    std::lock_guard<std::mutex> lock(recorder->mMutex);
-    recorder->sendBuffToWorker(std::vector<char>(text.begin(), text.end()), promise);
-  }
-  EXPECT_EQ(3u, recorder->mTasks.size());
-  gate.release();
-  for (auto& d : done) EXPECT_EQ(0, d.get());
-  EXPECT_EQ("se_process\nse_process\n",
-            vektest::readFile(root.path("/data/vendor/secure_element/se_process.veklog")));
-  EXPECT_EQ("nfc_process\n", vektest::readFile(log));
-}
-
-// Only an exact name selects paths; any other attaches and keeps the paths it had. Where each
-// name writes is the write tasks' test.
-TEST_F(RecorderTest, AttachSelectsPathsByExactName) {
+  EXPECT_FALSE(quiet.saveLogsToFile(true)) << "not attached";
   std::string se = root.path("/data/vendor/secure_element/se_process.veklog");
   const struct {
     const char* mName;
@@ -68,13 +60,101 @@ TEST_F(RecorderTest, AttachSelectsPathsByExactName) {
                {"SE_PROCESS", se},
                {"nfc_process ", se},
                {"nfc_hal_process", dir + "nfc_hal_process.veklog"}};
-  VekLogRecorder fresh;
   for (const auto& step : steps) {
-    EXPECT_TRUE(fresh.attchProcess(step.mName) && fresh.mAttached);
-    EXPECT_EQ(step.mName, fresh.mProcessName);
-    EXPECT_EQ(step.mFile, fresh.mLogFilePath) << '"' << step.mName << '"';
+    EXPECT_TRUE(quiet.attchProcess(step.mName) && quiet.mAttached);
+    EXPECT_EQ(step.mName, quiet.mProcessName);
+    EXPECT_EQ(step.mFile, quiet.mLogFilePath) << '"' << step.mName << '"';
   }
-  EXPECT_EQ(dir, fresh.mLogDir);
+  EXPECT_EQ(dir, quiet.mLogDir);
+  quiet.record(-1, "T", "negative levels need a writer too");
+  EXPECT_TRUE(quiet.mBuffer.empty());
+  EXPECT_FALSE(quiet.mWorker.joinable());
+}
+
+// Local time, read anew for every line: the zone changes between the two lines.
+TEST_F(RecorderTest, LineFormatByteForByte) {
+  timespec before;
+  timespec after;
+  clock_gettime(CLOCK_REALTIME, &before);
+  for (const char* zone : {"UTC0", "JST-9"}) {
+    setenv("TZ", zone, 1);
+    tzset();
+    recorder->record(4, "NfcCore", std::string("Discovery in ") + zone);
+  }
+  clock_gettime(CLOCK_REALTIME, &after);
+  std::vector<std::string> lines = bufferedLines();
+  ASSERT_EQ(2u, lines.size());
+  std::string ids = " " + std::to_string(getpid()) + " " + std::to_string(syscall(SYS_gettid));
+  for (size_t i = 0; i < lines.size(); ++i) {
+    bool matched = false;
+    int64_t first = static_cast<int64_t>(before.tv_sec) * 1000 + before.tv_nsec / 1000000;
+    int64_t last = static_cast<int64_t>(after.tv_sec) * 1000 + after.tv_nsec / 1000000;
+    for (int64_t ms = first; ms <= last && !matched; ++ms) {
+      time_t local = static_cast<time_t>(ms / 1000 + static_cast<int64_t>(i) * 9 * 3600);
+      tm broken;
+      char stamp[32];
+      size_t n = strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", gmtime_r(&local, &broken));
+      snprintf(stamp + n, sizeof(stamp) - n, ".%03d", static_cast<int>(ms % 1000));
+      matched = lines[i] == stamp + ids + " I NfcCore: Discovery in " + (i ? "JST-9" : "UTC0");
+    }
+    EXPECT_TRUE(matched) << lines[i];
+  }
+}
+
+// Whole lines go past the threshold or on a flush, in order; an empty flush queues nothing.
+TEST_F(RecorderTest, HandsOverWholeLinesPastTheThresholdOrOnFlush) {
+  vektest::WriterGate gate(recorder);
+  EXPECT_TRUE(recorder->saveLogsToFile(true)) << "nothing buffered: no wait";
+  EXPECT_TRUE(recorder->mTasks.empty());
+  recorder->record(4, "T", "x");
+  size_t overhead = recorder->mBuffer.size() - 1;
+  recorder->record(4, "T", std::string(10240 - 2 * overhead - 1, 'y'));
+  EXPECT_EQ(10240u, recorder->mBuffer.size()) << "exactly at the threshold stays";
+  EXPECT_TRUE(recorder->mTasks.empty());
+  recorder->record(4, "T", "z");
+  EXPECT_TRUE(recorder->mBuffer.empty()) << "the next line goes with it";
+  recorder->record(4, "T", std::string(20000, 'l'));
+  EXPECT_TRUE(recorder->mBuffer.empty()) << "a line longer than the threshold goes at once";
+  recorder->record(4, "T", std::string(10000, 'f'));
+  recorder->record(4, "T", "first\nsecond " + std::string(300, 's') + "\nthird");
+  EXPECT_EQ(3u, recorder->mTasks.size());
+  ASSERT_EQ(1u, bufferedLines().size());
+  EXPECT_NE(std::string::npos, bufferedLines()[0].find(" T: third")) << "split between lines";
+  EXPECT_TRUE(recorder->saveLogsToFile(false)) << "handed over without waiting";
+  EXPECT_EQ(4u, recorder->mTasks.size());
+
+  gate.release();
+  recorder->record(4, "T", "waited for");
+  ASSERT_TRUE(recorder->saveLogsToFile(true));
+  std::vector<std::string> lines = splitLines(readFile(log));
+  const std::string lasts[] = {"x", "y", "z", "l", "f", "first", "s", "third", "waited for"};
+  ASSERT_EQ(9u, lines.size());
+  for (size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(lasts[i], lines[i].substr(lines[i].size() - lasts[i].size())) << i;
+  }
+}
+
+// A kernel log node that never delivers keeps the writer busy past the flush time-out.
+TEST_F(RecorderTest, FlushTimesOutBehindAStalledWriterAndTheTextFollows) {
+  recorder->attchProcess("nfc_hal_process");
+  std::string node = root.path("/proc/vekdev/logger");
+  ASSERT_EQ(0, mkfifo(node.c_str(), 0600));
+  int driver = open(node.c_str(), O_RDWR);
+  recorder->record(4, "T", "stalled");
+  EXPECT_FALSE(recorder->saveLogsToFile(true));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "saving logs timeout!"));
+
+  unlink(node.c_str());
+  ASSERT_EQ(5, write(driver, "klog\n", 5));
+  close(driver);
+  recorder->record(4, "T", "later");
+  EXPECT_TRUE(recorder->saveLogsToFile(true));
+  std::vector<std::string> lines = splitLines(readFile(dir + "nfc_hal_process.veklog"));
+  ASSERT_EQ(4u, lines.size());
+  EXPECT_NE(std::string::npos, lines[0].find("T: stalled"));
+  EXPECT_EQ("klog", lines[1]);
+  EXPECT_NE(std::string::npos, lines[2].find("T: later"));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "saving logs timeout!"));
 }
 
 }  // namespace
