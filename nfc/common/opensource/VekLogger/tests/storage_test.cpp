@@ -110,7 +110,7 @@ TEST_F(StorageTest, RotatesAboveTheLimitKeepingFiveArchives) {
 }
 
 // Tasks run in queue order with mMutex free, each for the attachment it was queued under; the
-// NFC HAL process's append the kernel log after their batch.
+// NFC HAL process's append the kernel log after their batch, whatever its size.
 TEST_F(StorageTest, WriteTasksAppendTheKernelLogInTheHalProcessOnly) {
   std::string node = root.path("/proc/vekdev/logger");
   std::string klog = vektest::logText(3 * 3072 + 100);
@@ -138,6 +138,12 @@ TEST_F(StorageTest, WriteTasksAppendTheKernelLogInTheHalProcessOnly) {
   drain();
   EXPECT_EQ(expected + "last\nError: Unable to open klog file at /proc/vekdev/logger\n",
             readFile(dir + "nfc_hal_process.veklog"));
+  // A kernel log of tens of MiB: the file so far is archived, then the log is appended whole.
+  std::string huge = vektest::logText(24UL * 1024 * 1024);
+  writeFile(node, huge);
+  send("huge\n");
+  drain();
+  EXPECT_TRUE(readFile(dir + "nfc_hal_process.veklog") == "huge\n" + huge);
   EXPECT_FALSE(send("")) << "an empty batch";
   EXPECT_TRUE(recorder->mTasks.empty());
 }
