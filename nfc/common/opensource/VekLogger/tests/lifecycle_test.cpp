@@ -16,6 +16,7 @@
 #include <chrono>
 #include <thread>
 
+#include "VekLogLifecycle.h"
 #include "VekLogTestEnv.h"
 
 using vektest::readFile;
@@ -113,42 +114,48 @@ TEST_F(Lifecycle, ExitWhileThreadsLog) {
 }
 
 // ASan's allocator in this toolchain has no fork handler: a child forked while another thread
-// is inside it waits in its first malloc for good. Under ASan the parent forks alone.
+// is inside it waits in its first malloc for good. Under ASan no thread logs while the parent
+// forks, and its writer has finished starting and its first task, and waits idle.
 #ifdef VEK_ASAN_FORKS_ALONE
-constexpr size_t kLoggingThreads = 0;
+constexpr bool kForkAlone = true;
 #else
-constexpr size_t kLoggingThreads = 2;
+constexpr bool kForkAlone = false;
 #endif
 
 // Children forked while other threads log can log, flush and exit; each line is written once.
 TEST_F(Lifecycle, ForkedChildrenLogFlushAndExit) {
   constexpr int kChildren = 20;
-  EXPECT_EQ("exit 0", statusOf([] {
-              android::base::SetProperty("persist.vendor.vek.nfc.log", "05");
-              attach();
-              std::atomic<bool> done(false);
-              std::vector<std::thread> threads(kLoggingThreads);
-              for (auto& thread : threads) {
-                // At most about 2 MiB in all, so that no child meets a rotation, however slow.
-                thread = std::thread([&done] {
-                  for (int burst = 0; burst < 2000 && !done; ++burst) {
-                    for (int line = 0; line < 10; ++line) __vek_log_d("T", "parent thread");
-                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                  }
-                });
-              }
-              int failed = 0;
-              for (int child = 0; child < kChildren; ++child) {
-                failed += statusOf([child] {
-                            __vek_log_i("T", "child %d", child);
-                            return flushSurely() ? 0 : 1;
-                          }) != "exit 0";
-              }
-              done = true;
-              for (auto& thread : threads) thread.join();
-              __vek_log_i("T", "parent done");
-              return failed == 0 && flushSurely() ? 0 : 1;
-            }));
+  EXPECT_EQ(
+      "exit 0", statusOf([] {
+        android::base::SetProperty("persist.vendor.vek.nfc.log", "05");
+        attach();
+        if (kForkAlone && !flushSurely()) return 1;
+        while (kForkAlone && VekLogRecorder::getInstance()->mWriterState != vek::kWriterIdle) {
+          std::this_thread::yield();
+        }
+        std::atomic<bool> done(false);
+        std::vector<std::thread> threads(kForkAlone ? 0 : 2);
+        for (auto& thread : threads) {
+          // At most about 2 MiB in all, so that no child meets a rotation, however slow.
+          thread = std::thread([&done] {
+            for (int burst = 0; burst < 2000 && !done; ++burst) {
+              for (int line = 0; line < 10; ++line) __vek_log_d("T", "parent thread");
+              std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+          });
+        }
+        int failed = 0;
+        for (int child = 0; child < kChildren; ++child) {
+          failed += statusOf([child] {
+                      __vek_log_i("T", "child %d", child);
+                      return flushSurely() ? 0 : 1;
+                    }) != "exit 0";
+        }
+        done = true;
+        for (auto& thread : threads) thread.join();
+        __vek_log_i("T", "parent done");
+        return failed == 0 && flushSurely() ? 0 : 1;
+      }));
   std::string text = readFile(log);
   for (int child = 0; child < kChildren; ++child) {
     EXPECT_EQ(1u, countOf(text, "T: child " + std::to_string(child) + "\n")) << child;
