@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "VekLogger.h"
+#include "VekWaitForWriter.h"
 #include "vek_bench_line.h"
 
 namespace {
@@ -40,13 +41,9 @@ std::shared_ptr<spdlog::logger> gSpdlogSync;
 std::shared_ptr<spdlog::logger> gSpdlogAsync;
 
 // Waits until the writer has caught up, so that no benchmark pays for the backlog of the one
-// before it. Two lines, so that the flush has a batch of its own to wait for.
+// before it.
 void waitForIdleWriter(const benchmark::State& state) {
-  if (state.thread_index() != 0) return;
-  do {
-    gRecorder->record(4, kTag, "idle");
-    gRecorder->record(4, kTag, "idle");
-  } while (!gRecorder->saveLogsToFile(true));
+  if (state.thread_index() == 0) vekWaitForWriter(1000);
 }
 
 // What every recorded line must do by design: one realtime clock read, localtime_r, and the
@@ -160,10 +157,7 @@ void sustainedRate() {
   for (int i = 0; i < kLines; ++i) {
     vekLine(i);
   }
-  __vek_log_i(kTag, "end");
-  while (!__vek_save_log_now()) {
-    __vek_log_i(kTag, "end");
-  }
+  vekWaitForWriter(1000);
   printf("sustained: %.0f lines/s reach the file (%d lines, one thread, writer rotating)\n",
          kLines / seconds(Clock::now() - start), kLines);
 }
@@ -229,10 +223,7 @@ int logMillionLines() {
   for (int i = 0; i < 1000000; ++i) {
     vekLine(i);
   }
-  do {
-    __vek_log_i(kTag, "end");
-    __vek_log_i(kTag, "end");
-  } while (!__vek_save_log_now());
+  vekWaitForWriter(1000);
   // VmHWM belongs to this image; ru_maxrss would carry the forking parent's peak over exec.
   std::string status;
   android::base::ReadFileToString("/proc/self/status", &status);

@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "VekLogger.h"
+#include "VekWaitForWriter.h"
 #include "vek_bench_line.h"
 
 namespace {
@@ -129,15 +130,6 @@ Run summarize(const char* logger, int threads, const std::vector<int64_t>& sorte
       static_cast<long long>(run.max), static_cast<long long>(n), run.mib);
   fflush(stdout);
   return run;
-}
-
-// Waits until the library's writer has caught up, rotation included, so that no run shares
-// the CPUs with the compression of the run before it.
-void waitForIdleWriter() {
-  do {
-    __vek_log_i(kTag, "idle");
-    __vek_log_i(kTag, "idle");
-  } while (!__vek_save_log_now());
 }
 
 // Bytes of the one line a file holds.
@@ -293,7 +285,9 @@ int main(int argc, char** argv) {
     runs.push_back(summarize("clock", threads, measure(threads, calls, [](int64_t) {}), 0));
     runs.push_back(summarize("__vek_log_i", threads, measure(threads, calls, vekbench::vekLine),
                              vekLineBytes));
-    waitForIdleWriter();
+    // The writer catches up, rotation included, so that no run shares the CPUs with the
+    // compression of the run before it.
+    vekWaitForWriter(1000);
     runs.push_back(
         summarize("spdlog", threads,
                   measure(threads, calls, [&](int64_t i) { vekbench::spdlogLine(*peer, i); }),

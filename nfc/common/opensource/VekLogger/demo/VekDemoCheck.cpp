@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "VekDemo.h"
+#include "VekWaitForWriter.h"
 
 namespace vekdemo {
 namespace {
@@ -115,7 +116,7 @@ struct LineCheck {
     long linePid;
     if (!fail(parseHeader(line, &linePid), "malformed line: " + line)) return false;
     if (!fail(linePid == pid, "wrong pid: " + line)) return false;
-    if (line.find("NfcDemo: demo-drain ") != std::string::npos) return true;
+    if (vekIsWaitLine(line)) return true;
     size_t at = line.find("demo#");
     int thread;
     long seq;

@@ -15,6 +15,7 @@
 
 #include "VekDemo.h"
 #include "VekLogger.h"
+#include "VekWaitForWriter.h"
 
 namespace vekdemo {
 namespace {
@@ -118,14 +119,8 @@ void runProcess(int index, const Options& options, Shared& shared) {
                          std::max(1, options.mRate / options.mThreads));
   }
   for (auto& thread : threads) thread.join();
-  // Text still queued at exit is dropped, so wait until the writer has caught up. A flush of an
-  // empty buffer does not wait, and the first line may complete a batch: log two, so that the
-  // flush queues a task behind every earlier one. A flush can time out behind a rotation.
-  int tries = 0;
-  do {
-    __vek_log_i("NfcDemo", "demo-drain %d", tries);
-    __vek_log_i("NfcDemo", "demo-drain %d", tries);
-  } while (!__vek_save_log_now() && ++tries < 30);
+  // Text still queued at exit is dropped, so wait until the writer has caught up.
+  vekWaitForWriter(30);
   feederStop = true;
   if (feeder.joinable()) feeder.join();
   gStats->mFinished = true;

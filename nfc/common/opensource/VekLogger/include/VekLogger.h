@@ -24,8 +24,8 @@
 //   a hand-over, stops the writer and joins it. A task that is running may finish for up to 2 s;
 //   a writer still busy then (a kernel log node that blocks, a slow rotation), or one that has
 //   not yet started, is left behind and never touches the recorder again, so exit is never
-//   held up for longer. Queued tasks
-//   and buffered text are discarded: flush with __vek_save_log_now() before a planned exit.
+//   held up for longer. Queued tasks and buffered text are discarded: flush with
+//   __vek_save_log_now() before a planned exit.
 //   A log call after the destructor (a static destructor, an atexit handler, another thread
 //   during exit) is printed and not recorded. No per-thread state has a destructor, so a
 //   thread_local object may log from its own destructor.
@@ -54,7 +54,9 @@
 // - __vek_save_log_now() returns saveLogsToFile(true): true when the text buffered at the call
 //   is on storage, or when nothing was buffered (it then returns at once, without waiting for
 //   batches handed over earlier); false when not attached, on a failed write, or after the 2 s
-//   time-out (the text is still written later).
+//   time-out (the text is still written later). To wait for those earlier batches as well,
+//   flush once, then log one line and flush it until a flush returns true: a line alone never
+//   completes a batch, so that flush always has one of its own to wait for.
 // - The writer runs at Android's background priority (nice 10), so that compressing yields
 //   the cores to the threads that log, and keeps its deflate state and its two 1 MiB chunks
 //   from one rotation to the next (about 2.3 MiB while the process lives) instead of mapping

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "VekLogger.h"
+#include "VekWaitForWriter.h"
 
 namespace {
 
@@ -79,16 +80,6 @@ void logLine(int thread, long seq) {
   }
 }
 
-// Flushes until a flush of a batch of its own succeeds, so no text is left queued at exit.
-bool drain() {
-  for (int tries = 0; tries < 30; ++tries) {
-    __vek_log_i("Stress", "stress-drain");
-    __vek_log_i("Stress", "stress-drain");
-    if (__vek_save_log_now()) return true;
-  }
-  return false;
-}
-
 std::string readLogs(const std::string& root) {
   std::string dir = root + "/data/vendor/secure_element/";
   std::vector<std::string> archives;
@@ -120,7 +111,7 @@ bool checkLines(const std::string& text, int threads, long perThread, bool prune
   for (size_t feed; (feed = text.find('\n', start)) != std::string::npos; start = feed + 1) {
     size_t at = text.find("stress#", start);
     if (at == std::string::npos || at > feed) {
-      if (text.compare(feed - 12, 12, "stress-drain") == 0) continue;
+      if (vekIsWaitLine(std::string_view(text).substr(start, feed - start))) continue;
       fprintf(stderr, "unexpected line: %s\n", text.substr(start, feed - start).c_str());
       return false;
     }
@@ -181,7 +172,7 @@ int runLoad(const Options& options, const std::string& root) {
   for (auto& thread : threads) thread.join();
   done = true;
   flusher.join();
-  bool drained = drain();
+  bool drained = vekWaitForWriter(30);
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   long peakKiB = peakRssKiB();  // before the check reads the files into memory
 
@@ -228,7 +219,7 @@ int runSlowStorage(const Options& options, const std::string& root) {
     queued = recorder->mTasks.size();
   }
   size_t heapHeld = mallinfo2().uordblks - heapBefore;
-  bool drained = drain();
+  bool drained = vekWaitForWriter(30);
   long peakKiB = peakRssKiB();
 
   long present = 0;

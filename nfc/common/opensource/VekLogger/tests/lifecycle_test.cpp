@@ -18,6 +18,7 @@
 
 #include "VekLogLifecycle.h"
 #include "VekLogTestEnv.h"
+#include "VekWaitForWriter.h"
 
 using vektest::readFile;
 
@@ -48,13 +49,7 @@ struct Lifecycle : testing::Test {
 void attach() { VekLogRecorder::getInstance()->attchProcess("nfc_process"); }
 
 // A flush can time out on a loaded or emulated machine; a later one that succeeds covers it.
-bool flushSurely() {
-  for (int tries = 0; tries < 10; ++tries) {
-    if (__vek_save_log_now()) return true;
-    __vek_log_i("T", "flush again");
-  }
-  return false;
-}
+bool flushSurely() { return vekWaitForWriter(10); }
 
 size_t countOf(const std::string& text, const std::string& part) {
   size_t found = 0;
