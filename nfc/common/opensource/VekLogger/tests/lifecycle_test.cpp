@@ -1,5 +1,5 @@
-// The recorder's life inside a process: first use, exit while threads log, teardown, fork, a
-// platform logger that forwards into the library, and exit with a writer that is stuck. Each
+// The recorder's life inside a process: exit while threads log, teardown, fork, a platform
+// logger that forwards into the library, and exit with a writer that is stuck or rotating. Each
 // case runs in a child process with a time limit; this process never uses the library itself,
 // so every child starts without a recorder.
 #include <android-base/logging.h>
@@ -48,9 +48,6 @@ struct Lifecycle : testing::Test {
 
 void attach() { VekLogRecorder::getInstance()->attchProcess("nfc_process"); }
 
-// A flush can time out on a loaded or emulated machine; a later one that succeeds covers it.
-bool flushSurely() { return vekWaitForWriter(10); }
-
 size_t countOf(const std::string& text, const std::string& part) {
   size_t found = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) found++;
@@ -81,7 +78,7 @@ TEST_F(Lifecycle, LoggingFromTeardownIsSafe) {
                 thread_local LogsWhenDestroyed threadEnd{"thread_local destructor"};
                 __vek_log_i("T", "thread logs");
               }).join();
-              return flushSurely() ? 0 : 1;
+              return vekWaitForWriter(10) ? 0 : 1;
             }));
   std::string text = readFile(log);
   EXPECT_EQ(1u, countOf(text, " T: thread_local destructor\n"));
@@ -124,7 +121,7 @@ TEST_F(Lifecycle, ForkedChildrenLogFlushAndExit) {
       "exit 0", statusOf([] {
         android::base::SetProperty("persist.vendor.vek.nfc.log", "05");
         attach();
-        if (kForkAlone && !flushSurely()) return 1;
+        if (kForkAlone && !vekWaitForWriter(10)) return 1;
         while (kForkAlone && VekLogRecorder::getInstance()->mWriterState != vek::kWriterIdle) {
           std::this_thread::yield();
         }
@@ -143,13 +140,13 @@ TEST_F(Lifecycle, ForkedChildrenLogFlushAndExit) {
         for (int child = 0; child < kChildren; ++child) {
           failed += statusOf([child] {
                       __vek_log_i("T", "child %d", child);
-                      return flushSurely() ? 0 : 1;
+                      return vekWaitForWriter(10) ? 0 : 1;
                     }) != "exit 0";
         }
         done = true;
         for (auto& thread : threads) thread.join();
         __vek_log_i("T", "parent done");
-        return failed == 0 && flushSurely() ? 0 : 1;
+        return failed == 0 && vekWaitForWriter(10) ? 0 : 1;
       }));
   std::string text = readFile(log);
   for (int child = 0; child < kChildren; ++child) {
@@ -170,7 +167,7 @@ TEST_F(Lifecycle, ForwardingPlatformLoggers) {
                   [](const __android_logger_data*, const char* text) { VEK_LOG(INFO) << text; });
               attach();
               __vek_log_i("T", "printed once");
-              if (!flushSurely()) return 1;
+              if (!vekWaitForWriter(10)) return 1;
               VEK_LOG(FATAL) << "last words";
               return 2;
             }));
