@@ -77,7 +77,7 @@ TEST_F(StorageTest, RotatesAboveTheLimitKeepingFiveArchives) {
   auto madeSinceBefore = [before](const std::string& name) {
     bool found = false;
     for (time_t t = before; t <= time(nullptr); ++t) {
-      time_t japan = t + 9 * 3600;
+      time_t japan = t + static_cast<time_t>(9 * 3600);
       tm broken;
       char stamp[64];
       strftime(stamp, sizeof(stamp), "nfc_process_%Y%m%d_%H%M%S.gz", gmtime_r(&japan, &broken));
