@@ -38,8 +38,6 @@
 
 namespace {
 
-using vekbench::kTag;
-
 constexpr int kThreadCounts[] = {1, 2, 4};
 // Calls each thread makes before it is timed, so that what a new thread pays once (its malloc
 // arena, its thread-local buffers) is not taken for a call's latency: the stack's threads live
