@@ -75,7 +75,9 @@
 //   or replaces the file it is given, as a regular file only.)
 // - A rotation whose compression fails (a full disk) removes the archive it began and keeps
 //   the log file, so failing again and again costs at most the one archive pruned to make
-//   room. compressGzip() itself leaves a failed output as it is.
+//   room. A compression that failed before it opened its output (no log file) began none, and
+//   the archive the last rotation made under the same name stays whole. compressGzip() itself
+//   leaves a failed output as it is.
 
 #pragma once
 
