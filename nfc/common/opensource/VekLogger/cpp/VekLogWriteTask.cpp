@@ -1,9 +1,8 @@
 // Write tasks: a handed-over buffer, plus the kernel log in the HAL process, appended to the
-// active log file on the writer thread; and how every file in a log directory is opened.
+// active log file on the writer thread.
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "VekLogDiag.h"
@@ -54,16 +53,6 @@ bool appendToLogFile(const LogTarget& target, const std::vector<char>& buff) {
 }
 
 }  // namespace
-
-android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode_t mode) {
-  // O_NONBLOCK keeps a FIFO or device from holding up the open; on the regular file that is
-  // kept it changes nothing.
-  android::base::unique_fd fd(TEMP_FAILURE_RETRY(
-      open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode)));
-  struct stat st;
-  if (fd != -1 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();
-  return fd;
-}
 
 void runWriteTask(const LogTarget& target, std::vector<char>& buff,
                   const std::shared_ptr<std::promise<int>>& promise) {

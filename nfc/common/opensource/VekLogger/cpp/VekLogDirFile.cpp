@@ -1,0 +1,22 @@
+// How every file in a log directory is opened: the directory is shared with another process,
+// so whatever stands at a name may have been planted there.
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "VekLogStorage.h"
+
+namespace vek {
+
+android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode_t mode) {
+  // O_NONBLOCK keeps a FIFO or device from holding up the open; on the regular file that is
+  // kept it changes nothing.
+  android::base::unique_fd fd(TEMP_FAILURE_RETRY(
+      open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode)));
+  struct stat st;
+  if (fd != -1 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();
+  return fd;
+}
+
+}  // namespace vek
