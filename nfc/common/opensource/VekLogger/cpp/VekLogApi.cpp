@@ -96,12 +96,15 @@ VekLogAdapter::~VekLogAdapter() {
     return;
   }
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  // Appended rather than formatted with "%s" so that text keeps any NUL bytes it holds.
+  // "%s" ends the recorded text at its first NUL byte; the printed text keeps all of it.
   recorder->record(mLevel, std::string(),
-                   android::base::StringPrintf("[%s(%d)] ", mFile, mLine) + text);
-  // Printing at FATAL ends the process: get the message onto storage first.
-  if (mLevel == 1) recorder->saveLogsToFile(true);
-  if (recorder->mPrintLevel >= mLevel && platform != nullptr) {
+                   android::base::StringPrintf("[%s(%d)] %s", mFile, mLine, text.c_str()));
+  bool printed = recorder->mPrintLevel >= mLevel && platform != nullptr;
+  // Printed at FATAL, the message ends the process: get what is recorded onto storage first.
+  if (printed && mLevel == VEK_LEVEL_FATAL && recorder->isNeedRecord(mLevel)) {
+    recorder->saveLogsToFile(true);
+  }
+  if (printed) {
     vek::LibbaseLine line;
     vek::ScopedInside printing(vek::Inside::kPrinting);
     android::base::LogMessage(mFile, static_cast<unsigned int>(mLine), platform->mSeverity, nullptr,

@@ -163,6 +163,9 @@ void VekLogRecorder::record(int level, const std::string& tag, const std::string
 bool VekLogRecorder::saveLogsToFile(bool wait) {
   auto promise = std::make_shared<std::promise<int>>();
   std::future<int> done = promise->get_future();
+  // The writer starts on this batch only once its size line is written, so that the writer's
+  // lines about it come after that line, as they would with the line written under mMutex.
+  std::promise<void> announced;
   size_t size = 0;
   bool attached = false;
   bool queued = false;
@@ -172,9 +175,12 @@ bool VekLogRecorder::saveLogsToFile(bool wait) {
     std::lock_guard<std::mutex> lock(mMutex);
     size = mBuffer.size();
     attached = mAttached;
-    if (attached && size != 0) queued = sendBuffToWorker(std::move(mBuffer), promise);
+    if (attached && size != 0) {
+      queued = vek::handOver(*this, std::move(mBuffer), promise, announced.get_future().share());
+    }
   }
   VEK_DIAG(INFO) << "saveLogsToFile size: " << size;
+  announced.set_value();
   if (!attached) return false;
   if (size == 0) return true;
   if (!wait) return queued;

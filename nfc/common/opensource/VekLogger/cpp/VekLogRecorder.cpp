@@ -70,8 +70,9 @@ void VekLogRecorder::initFeatureLevel() {
 
 bool VekLogRecorder::isNeedPrint(int level) { return mPrintLevel >= level; }
 
+// mAttached is read without mMutex while attchProcess may write it.
 bool VekLogRecorder::isNeedRecord(int level) {
-  return level != 0 && mAttached && mRecordLevel >= level;
+  return level != 0 && __atomic_load_n(&mAttached, __ATOMIC_ACQUIRE) && mRecordLevel >= level;
 }
 
 int VekLogRecorder::getPrintLevel() { return mPrintLevel; }
@@ -92,7 +93,7 @@ bool VekLogRecorder::attchProcess(const std::string& processName) {
         break;
       }
     }
-    mAttached = true;
+    __atomic_store_n(&mAttached, true, __ATOMIC_RELEASE);
   }
   VEK_DIAG(INFO) << "attchProcess " << processName;
   return true;

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <mutex>
 
 #include "VekLogDiag.h"
 #include "VekLogStorage.h"
@@ -32,33 +33,58 @@ std::vector<std::string> listArchives(DIR* dir, const std::string& prefix) {
   return names;
 }
 
-// The archive this thread's last rotation made. Only the writer rotates, one file at a time.
-thread_local std::string tLastArchive;
+// The archive this process's last rotation made, and the second of real time it was named in.
+// Only a rotation later in that same second, of this process, may replace it.
+struct LastArchive {
+  std::mutex mMutex;
+  std::string mPath;
+  time_t mSecond = -1;
+  pid_t mPid = 0;
+};
+
+LastArchive& lastArchive() {
+  static LastArchive* last = new LastArchive;  // never destroyed: a writer may outlive statics
+  return *last;
+}
+
+std::string archiveName(const LogTarget& target, time_t now) {
+  tm local;
+  localtime_r(&now, &local);
+  char stamp[32];
+  strftime(stamp, sizeof(stamp), "%Y%m%d_%H%M%S", &local);
+  return target.mLogDir + "/" + target.mProcessName + "_" + stamp + ".gz";
+}
 
 // The archive name for now. A rotation later in the same second takes the name of the one
 // before it and replaces it. Any other entry with that name (an archive from before the clock
 // went back, or one planted there) is kept: the first free of <stamp>_1.gz, <stamp>_2.gz, ...
 // is taken instead. These sort right after the plain name ('.' < '_'), so byte order stays age
 // order; with retention leaving four entries at most, the number stays one digit.
-std::string archivePath(const LogTarget& target) {
-  std::string plain = getCompressedLogFile(target);
+std::string archivePath(const LogTarget& target, const LastArchive& last, time_t now) {
+  std::string plain = archiveName(target, now);
+  bool sameSecond = now == last.mSecond && last.mPid == getpid();
   std::string path = plain;
   struct stat st;
-  for (int n = 1; path != tLastArchive && lstat(path.c_str(), &st) == 0; ++n) {
+  for (int n = 1; !(sameSecond && path == last.mPath) && lstat(path.c_str(), &st) == 0; ++n) {
     path = plain.substr(0, plain.size() - 3) + "_" + std::to_string(n) + ".gz";
   }
   return path;
 }
 
 // A cut archive is removed: kept, it would take a good archive's place at every retry. The
-// name was free, or this thread's own. An archive of this thread's that is still the same file
-// of the same size was never opened for output (the input failed first), so it stays whole.
+// name was free, or this process's own. An archive of its own that is still the same file of
+// the same size was never opened for output (the input failed first), so it stays whole.
 bool archiveLogFile(const LogTarget& target) {
-  std::string archive = archivePath(target);
+  LastArchive& last = lastArchive();
+  std::lock_guard<std::mutex> lock(last.mMutex);
+  time_t now = time(nullptr);
+  std::string archive = archivePath(target, last, now);
   struct stat before;
   bool existed = lstat(archive.c_str(), &before) == 0;
   if (compressGzip(target.mLogFilePath, archive)) {
-    tLastArchive = archive;
+    last.mPath = archive;
+    last.mSecond = now;
+    last.mPid = getpid();
     return true;
   }
   struct stat after;
@@ -100,12 +126,7 @@ bool checkLogFileExceed(const LogTarget& target, int size) {
 }
 
 std::string getCompressedLogFile(const LogTarget& target) {
-  time_t now = time(nullptr);
-  tm local;
-  localtime_r(&now, &local);
-  char stamp[32];
-  strftime(stamp, sizeof(stamp), "%Y%m%d_%H%M%S", &local);
-  return target.mLogDir + "/" + target.mProcessName + "_" + stamp + ".gz";
+  return archiveName(target, time(nullptr));
 }
 
 bool manageCompressFiles(const LogTarget& target) {

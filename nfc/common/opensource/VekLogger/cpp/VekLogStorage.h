@@ -38,8 +38,9 @@ bool manageCompressFiles(const LogTarget& target);
 bool compressGzip(const std::string& in, const std::string& out);
 
 // Opens path, an entry of a log directory that another process shares, with flags plus
-// O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC, and keeps it only when it is a regular file:
-// a link, FIFO or device planted there is never followed, waited on, read or written.
+// O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC, and keeps it only when it is a regular file
+// or a directory: a link, FIFO or device planted there is never followed, waited on, read or
+// written.
 android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode_t mode = 0);
 
 }  // namespace vek

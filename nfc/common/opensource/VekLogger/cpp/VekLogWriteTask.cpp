@@ -63,6 +63,25 @@ void runWriteTask(const LogTarget& target, std::vector<char>& buff,
   if (promise) promise->set_value(completion);
 }
 
+bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
+              std::shared_ptr<std::promise<int>> promise, std::shared_future<void> announced) {
+  if (buff.empty()) {
+    VEK_DIAG(WARNING) << "writting invalid buffer";
+    return false;
+  }
+  if (recorder.mRestartWriter) {
+    recorder.mRestartWriter = false;
+    startWriter(recorder);
+  }
+  recorder.mTasks.emplace_back([target = currentTarget(recorder), text = std::move(buff),
+                                promise = std::move(promise), announced]() mutable {
+    if (announced.valid()) announced.wait();
+    runWriteTask(target, text, promise);
+  });
+  recorder.mCondition.notify_one();
+  return true;
+}
+
 LogTarget currentTarget(const VekLogRecorder& recorder) {
   return LogTarget{recorder.mProcessName, recorder.mLogDir, recorder.mLogFilePath,
                    recorder.mMaxFileSize};
@@ -72,17 +91,5 @@ LogTarget currentTarget(const VekLogRecorder& recorder) {
 
 bool VekLogRecorder::sendBuffToWorker(std::vector<char>&& buff,
                                       std::shared_ptr<std::promise<int>> promise) {
-  if (buff.empty()) {
-    VEK_DIAG(WARNING) << "writting invalid buffer";
-    return false;
-  }
-  if (mRestartWriter) {
-    mRestartWriter = false;
-    vek::startWriter(*this);
-  }
-  mTasks.emplace_back(
-      [target = vek::currentTarget(*this), text = std::move(buff),
-       promise = std::move(promise)]() mutable { vek::runWriteTask(target, text, promise); });
-  mCondition.notify_one();
-  return true;
+  return vek::handOver(*this, std::move(buff), std::move(promise), std::shared_future<void>());
 }

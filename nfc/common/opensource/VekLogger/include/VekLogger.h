@@ -37,11 +37,12 @@
 //   that forwards into it, is not recorded: one that comes from the library's own diagnostic
 //   is printed (through liblog, without the threshold check), and one that comes from the
 //   library's own printing is dropped, since the platform log already has it. Diagnostics are
-//   written with mMutex released, so nothing here can deadlock on it. (libbase holds its
-//   logging lock while a logger runs, so a LOG() line of the host that reaches such a logger
-//   must not come back as VEK_LOG, nor be the library's first use, whose diagnostic is a LOG()
-//   line too: either waits on that lock, as LOG() there would. Use the library once at
-//   start-up, as attchProcess does.)
+//   written with mMutex released, so nothing here can deadlock on it; the batch of a flush
+//   waits until the flush's "saveLogsToFile size" line is written, so the lines keep the order
+//   they would have under the lock. (libbase holds its logging lock while a logger runs, so
+//   a LOG() line of the host that reaches such a logger must not come back as VEK_LOG, nor be
+//   the library's first use, whose diagnostic is a LOG() line too: either waits on that lock,
+//   as LOG() there would. Use the library once at start-up, as attchProcess does.)
 // - A writer thread that cannot be started ends the process: the library is built without
 //   exceptions, which is the only way std::thread reports the failure. A process that cannot
 //   start one thread at its first log call cannot serve NFC either; init restarts it.
@@ -49,14 +50,19 @@
 //   were current when it was queued.
 // - Negative levels are recorded (with an empty level letter) only while the record threshold
 //   is not 0, so no task is ever queued without a writer to run it. They are never printed.
-// - A level-1 message of VekLogAdapter is recorded, flushed with the bounded wait, then
-//   printed at FATAL, which ends the process when the print threshold is 1 or more.
-// - __vek_save_log_now() returns saveLogsToFile(true): true when the text buffered at the call
-//   is on storage, or when nothing was buffered (it then returns at once, without waiting for
-//   batches handed over earlier); false when not attached, on a failed write, or after the 2 s
-//   time-out (the text is still written later). To wait for those earlier batches as well,
-//   flush once, then log one line and flush it until a flush returns true: a line alone never
-//   completes a batch, so that flush always has one of its own to wait for.
+// - A level-1 message of VekLogAdapter is recorded, then printed at FATAL, which ends the
+//   process when the print threshold is 1 or more; only then, and only when attached, is it
+//   flushed first, with the bounded wait. A fatal message that is not printed forces nothing.
+// - VekLogAdapter records "[file(line)] text" as "%s" formats it: the text ends at its first
+//   NUL byte. The printed text keeps all of it.
+// - __vek_save_log_now() returns saveLogsToFile(true): true when the writer has appended the
+//   text buffered at the call, or when nothing was buffered (it then returns at once, without
+//   waiting for batches handed over earlier); false when not attached, when the log file could
+//   not be opened or rotated to make room, or after the 2 s time-out (the text is still written
+//   later). A write that fails after the open (a full disk) is not detected: the result is
+//   true. To wait for those earlier batches as well, flush once, then log one line and flush
+//   it until a flush returns true: a line alone never completes a batch, so that flush always
+//   has one of its own to wait for.
 // - The writer runs at Android's background priority (nice 10), so that compressing yields
 //   the cores to the threads that log, and keeps its deflate state and its two 1 MiB chunks
 //   from one rotation to the next (about 2.3 MiB while the process lives) instead of mapping
@@ -64,15 +70,18 @@
 // - Files are created with mode 0640 and close-on-exec; an archive counts as made only once
 //   it has been synced and closed without error.
 // - Another process shares each log directory, so files there are opened without following
-//   links and without waiting, and used only when they are regular files. A link, FIFO or
-//   device at the log file's path fails each write ("Failed to append file: <path>") until a
-//   regular file or nothing is there; nothing outside the directory is read or written.
-// - Archives are named to the second, so a rotation later in the same second takes the name
-//   of the one before it and replaces that archive. Any other entry with the name (an archive
-//   from before the clock was set back, or one planted there) is kept: the rotation uses
-//   "<process>_<stamp>_1.gz", then _2 and so on, which sort right after the plain name, so
-//   retention, deleting in byte order, still deletes the older. (compressGzip() itself makes
-//   or replaces the file it is given, as a regular file only.)
+//   links and without waiting, and used only when they are regular files or directories (a
+//   directory fails as an ordinary failure does: opened to write it fails, read it fails at its
+//   first read). A link, FIFO or device at the log file's path fails each write ("Failed to
+//   append file: <path>") until a regular file or nothing is there; nothing outside the
+//   directory is read or written.
+// - Archives are named to the second, so a rotation of this process later in the same second
+//   of real time takes the name of the one before it and replaces that archive. Any other entry
+//   with the name (an archive from before the clock or zone was set back, this process's own
+//   included, or one planted there) is kept: the rotation uses "<process>_<stamp>_1.gz", then
+//   _2 and so on, which sort right after the plain name, so retention, deleting in byte order,
+//   still deletes the older. (compressGzip() itself makes or replaces the file it is given,
+//   never through a link.)
 // - A rotation whose compression fails (a full disk) removes the archive it began and keeps
 //   the log file, so failing again and again costs at most the one archive pruned to make
 //   room. A compression that failed before it opened its output (no log file) began none, and
@@ -154,7 +163,7 @@ class VEK_EXPORT VekLogRecorder {
   // A rotation adds "_1", "_2", ... before ".gz" when an older archive has that name.
   std::string getCompressedLogFile();
   // Compresses the file in into a gzip file out, made or replaced; neither is opened through a
-  // link, nor unless it is a regular file. The input is never changed.
+  // link, nor when it is a FIFO or device. The input is never changed.
   bool compressGzip(const std::string& in, const std::string& out);
   // Deletes the oldest archives of this process until fewer than five remain.
   bool manageCompressFiles();

@@ -80,11 +80,16 @@ TEST_F(ApiTest, MessagesArePrintedWholeAndLiterally) {
   EXPECT_NE(std::string::npos, file.find(" I nfc_process: a null tag is an empty one\n"));
 }
 
+// A fatal message that will not be printed leaves the process running: it forces no flush.
 TEST_F(ApiTest, StreamLoggerRecordsItsLocationAndPrintsTheBareText) {
   VekLogAdapter(4, "Main", 7).stream() << "two\nlines";
   int line = __LINE__ + 1;
   VEK_LOG(WARNING) << "macro";
   for (int level : {0, 6, 7}) VekLogAdapter(level, "Main", 9).stream() << "not at all";
+  VekLogAdapter(4, "Main", 8).stream() << std::string("before\0after", 12);
+  setLevels("05");
+  VekLogAdapter(1, "Main", 9).stream() << "fatal, not printed";
+  for (const auto& e : diag.entries()) EXPECT_NE(0u, e.mText.rfind("saveLogsToFile", 0));
 
   // libbase reports the file's base name, and writes each line as an entry of its own.
   std::vector<std::string> out;
@@ -93,15 +98,17 @@ TEST_F(ApiTest, StreamLoggerRecordsItsLocationAndPrintsTheBareText) {
       out.push_back(std::to_string(e.mPriority) + " " + std::to_string(e.mLine) + " " + e.mText);
     }
   }
-  EXPECT_EQ(
-      (std::vector<std::string>{"4 7 two", "4 7 lines", "5 " + std::to_string(line) + " macro"}),
-      out);
+  EXPECT_EQ((std::vector<std::string>{"4 7 two", "4 7 lines",
+                                      "5 " + std::to_string(line) + " macro", "4 8 before"}),
+            out);
   std::string file = flushed();
   EXPECT_NE(std::string::npos, file.find(" I nfc_process: [Main(7)] two\n"));
   EXPECT_NE(std::string::npos, file.find(" I nfc_process: lines\n"));
   EXPECT_NE(std::string::npos, file.find(" W nfc_process: [" + std::string(__FILE__) + "(" +
                                          std::to_string(line) + ")] macro\n"));
   EXPECT_EQ(std::string::npos, file.find("not at all"));
+  EXPECT_NE(std::string::npos, file.find(" I nfc_process: [Main(8)] before\n"));
+  EXPECT_NE(std::string::npos, file.find(" F nfc_process: [Main(9)] fatal, not printed\n"));
 }
 
 }  // namespace

@@ -133,6 +133,11 @@ TEST_F(FaultTest, RotationNeverWritesOverATakenArchiveName) {
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR,
                           "compressGzip: Failed to open outFile file: " + dir + "link.gz"));
   EXPECT_EQ("private\n", readFile(secret));
+
+  // A directory as the input opens, and fails at its first read: the output is left empty.
+  EXPECT_FALSE(recorder->compressGzip(dir, dir + "in"));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "compressGzip: Error reading input file."));
+  EXPECT_EQ("", readFile(dir + "in"));
 }
 
 // Failed rotations keep the log file, leave no cut archive and prune one old archive in all.

@@ -95,13 +95,31 @@ TEST_F(StorageTest, RotatesAboveTheLimitKeepingFiveArchives) {
   EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + kept[4]));
 
   // Another rotation: within the same second it replaces the archive just made.
-  writeFile(log, "second\n");
-  ASSERT_EQ(0, truncate(log.c_str(), kLimit - 10));
-  EXPECT_TRUE(recorder->checkLogFileExceed(11));
-  if (time(nullptr) == before) {
+  auto rotate = [&](const std::string& text) {
+    writeFile(log, text);
+    ASSERT_EQ(0, truncate(log.c_str(), kLimit - 10));
+    EXPECT_TRUE(recorder->checkLogFileExceed(11));
+  };
+  rotate("second\n");
+  time_t second = time(nullptr);
+  if (second == before) {
     EXPECT_EQ((std::vector<std::string>{archive(3), archive(4), archive(5), kept[4]}), archives());
   }
-  EXPECT_EQ("second\n", vektest::gunzip(dir + archives().back()).substr(0, 7));
+  std::string last = archives().back();
+  EXPECT_EQ("second\n", vektest::gunzip(dir + last).substr(0, 7));
+  // Seconds later, with the zone set back onto that name: the archive stays, the new one is _1.
+  time_t now;
+  while ((now = time(nullptr)) == second) usleep(10000);
+  int east = 9 * 3600 - static_cast<int>(now - second);
+  char zone[32];
+  snprintf(zone, sizeof(zone), "VEK-%d:%02d:%02d", east / 3600, east / 60 % 60, east % 60);
+  setenv("TZ", zone, 1);
+  tzset();
+  rotate("third\n");
+  if (time(nullptr) == now) {
+    EXPECT_EQ(last.substr(0, last.size() - 3) + "_1.gz", archives().back());
+  }
+  EXPECT_EQ("second\n", vektest::gunzip(dir + last).substr(0, 7));
 
   EXPECT_FALSE(recorder->checkLogFileExceed(kLimit + 1)) << "no log file to compress";
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "compressGzip: Failed to open input file: " + log));
