@@ -82,6 +82,9 @@ void stopWriter(VekLogRecorder& recorder) {
 }
 
 pthread_rwlock_t gLibbaseLines = PTHREAD_RWLOCK_INITIALIZER;
+// Whether lockForFork took mMutex: the destructor may close the recorder meanwhile, and the
+// lock must still be released.
+bool gForkLocked = false;
 
 // The parent keeps mMutex across fork, so the child's copy of the buffer and queue is whole,
 // and lets no line of the library be half written through libbase. In that order: a line may
@@ -89,12 +92,12 @@ pthread_rwlock_t gLibbaseLines = PTHREAD_RWLOCK_INITIALIZER;
 void lockForFork() {
   pthread_rwlock_wrlock(&gLibbaseLines);
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  if (!recorder->mClosed) recorder->mMutex.lock();
+  gForkLocked = !recorder->mClosed;
+  if (gForkLocked) recorder->mMutex.lock();
 }
 
 void unlockInParent() {
-  VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  if (!recorder->mClosed) recorder->mMutex.unlock();
+  if (gForkLocked) VekLogRecorder::getInstance()->mMutex.unlock();
   pthread_rwlock_unlock(&gLibbaseLines);
 }
 
@@ -104,7 +107,7 @@ void unlockInParent() {
 void resetInChild() {
   pthread_rwlock_init(&gLibbaseLines, nullptr);
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  if (recorder->mClosed) return;
+  if (!gForkLocked) return;
   new (&recorder->mMutex) std::mutex;
   new (&recorder->mCondition) std::condition_variable;
   recorder->mTasks.clear();
@@ -128,9 +131,11 @@ UserScope::UserScope(VekLogRecorder& recorder) : mRecorder(recorder) {
   mEntered = !mRecorder.mClosed;
 }
 
-void startWriter(VekLogRecorder& recorder) {
+bool startWriter(VekLogRecorder& recorder) {
   recorder.mWriterState = kWriterStarting;
-  recorder.mWorker = std::thread(writerLoop, &recorder);
+  if (startThread(recorder.mWorker, writerLoop, &recorder)) return true;
+  recorder.mWriterState = kWriterStopped;
+  return false;
 }
 
 void installForkHandlers() { pthread_atfork(lockForFork, unlockInParent, resetInChild); }

@@ -47,8 +47,12 @@ struct UserScope {
 // Values of mWriterState.
 enum WriterState { kWriterStopped, kWriterStarting, kWriterIdle, kWriterInTask, kWriterLeftBehind };
 
-// Starts the writer thread. The caller holds mMutex, or is the constructor.
-void startWriter(VekLogRecorder& recorder);
+// Starts the writer thread; false when the system refuses a thread. The caller holds mMutex,
+// or is the constructor.
+bool startWriter(VekLogRecorder& recorder);
+
+// Starts thread running body(recorder): std::thread's way of reporting a failure, caught.
+bool startThread(std::thread& thread, void (*body)(VekLogRecorder*), VekLogRecorder* recorder);
 
 // Queues buff as a write task, as sendBuffToWorker does. A task with announced valid waits for
 // it before it runs. The caller holds mMutex.

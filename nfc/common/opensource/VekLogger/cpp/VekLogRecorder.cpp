@@ -50,7 +50,11 @@ VekLogRecorder::VekLogRecorder()
   mAttached = false;
   mMaxFileSize = kMaxFileSize;
   mFlushThreshold = kFlushThreshold;
-  if (mRecordLevel != 0) vek::startWriter(*this);
+  // Without a writer every hand-over tries to start one, and drops its batch when it cannot.
+  if (mRecordLevel != 0 && !vek::startWriter(*this)) {
+    mRestartWriter = true;
+    VEK_DIAG(ERROR) << "write buffer thread failed to start!";
+  }
 }
 
 void VekLogRecorder::initFeatureLevel() {

@@ -3,6 +3,7 @@
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "VekLogDiag.h"
@@ -37,7 +38,55 @@ void appendKernelLog(std::vector<char>& buff) {
   VEK_DIAG(INFO) << "read klog buffer size: " << buff.size() - before;
 }
 
+// The lock file of the last log file written, kept open from one batch to the next. Writer
+// thread only.
+struct LockFile {
+  std::string mPath;
+  android::base::unique_fd mFd;
+};
+
+bool setLock(int fd, short type) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return TEMP_FAILURE_RETRY(fcntl(fd, F_SETLKW, &lock)) == 0;
+}
+
+// Another process may log under the same name at once: a forked child, or a restart while the
+// old process still dies. The size check, the rotation and the append of a batch hold a write
+// lock on "<log file>.lock", so that each full file rotates once and no process removes a file
+// another has just begun. A POSIX record lock belongs to the process: a forked child's copy of
+// the descriptor never shares its parent's lock. Locking costs two system calls and a check
+// that the file is still the one at that name. Without a usable lock file (a missing
+// directory) the batch goes on unlocked, to meet the failure it would meet anyway.
+struct LogFileLock {
+  explicit LogFileLock(const std::string& logFile) {
+    static LockFile* file = new LockFile;  // never destroyed: a writer may outlive statics
+    for (int attempt = 0; attempt < 2 && mFd == -1; ++attempt) {
+      if (file->mPath != logFile || file->mFd == -1) {
+        file->mFd = openLogDirFile(logFile + ".lock", O_RDWR | O_CREAT, 0640);
+        file->mPath = logFile;
+      }
+      struct stat st;
+      if (file->mFd == -1 || !setLock(file->mFd, F_WRLCK)) return;
+      if (fstat(file->mFd, &st) == 0 && st.st_nlink > 0) {
+        mFd = file->mFd;
+      } else {
+        file->mFd.reset();  // removed since it was opened, which released the lock
+      }
+    }
+  }
+  ~LogFileLock() {
+    if (mFd != -1) setLock(mFd, F_UNLCK);
+  }
+  LogFileLock(const LogFileLock&) = delete;
+  LogFileLock& operator=(const LogFileLock&) = delete;
+
+  int mFd = -1;
+};
+
 bool appendToLogFile(const LogTarget& target, const std::vector<char>& buff) {
+  LogFileLock lock(target.mLogFilePath);
   if (!checkLogFileExceed(target, static_cast<int>(buff.size()))) {
     VEK_DIAG(ERROR) << "check log file excedd failed!";
     return false;
@@ -69,9 +118,10 @@ bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
     VEK_DIAG(WARNING) << "writting invalid buffer";
     return false;
   }
+  if (recorder.mRestartWriter) recorder.mRestartWriter = !startWriter(recorder);
   if (recorder.mRestartWriter) {
-    recorder.mRestartWriter = false;
-    startWriter(recorder);
+    if (promise) promise->set_value(1);
+    return false;
   }
   recorder.mTasks.emplace_back([target = currentTarget(recorder), text = std::move(buff),
                                 promise = std::move(promise), announced]() mutable {

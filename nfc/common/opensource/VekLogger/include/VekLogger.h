@@ -19,8 +19,7 @@
 // library creates no directories. Host builds prefix these paths with $VEK_LOG_ROOT.
 //
 // Choices this library makes where the platform leaves room:
-// - Lifecycle. The recorder lives in static storage until the process ends or the library is
-//   unloaded. Its destructor turns new callers away (mClosed), waits for those already inside
+// - Lifecycle. The recorder lives in static storage until the process ends. Its destructor turns new callers away (mClosed), waits for those already inside
 //   a hand-over, stops the writer and joins it. A task that is running may finish for up to 2 s;
 //   a writer still busy then (a kernel log node that blocks, a slow rotation), or one that has
 //   not yet started, is left behind and never touches the recorder again, so exit is never
@@ -32,7 +31,8 @@
 // - fork(): the child gets a working recorder: a fresh lock and condition variable, and its own
 //   writer, started by its first hand-over. The parent's queued and buffered text is the
 //   parent's to write; the child drops its copy, so no line is written twice. fork waits for a
-//   line the library is writing through libbase, whose logging lock a child would inherit held.
+//   line the library is writing through libbase, whose logging lock a child would inherit held,
+//   and may come at any moment of exit.
 // - A log call that comes back into the library on the same thread, through a platform logger
 //   that forwards into it, is not recorded: one that comes from the library's own diagnostic
 //   is printed (through liblog, without the threshold check), and one that comes from the
@@ -43,9 +43,20 @@
 //   a LOG() line of the host that reaches such a logger must not come back as VEK_LOG, nor be
 //   the library's first use, whose diagnostic is a LOG() line too: either waits on that lock,
 //   as LOG() there would. Use the library once at start-up, as attchProcess does.)
-// - A writer thread that cannot be started ends the process: the library is built without
-//   exceptions, which is the only way std::thread reports the failure. A process that cannot
-//   start one thread at its first log call cannot serve NFC either; init restarts it.
+// - A writer thread that cannot be started (the system refuses threads) never ends the
+//   process: one ERROR diagnostic ("write buffer thread failed to start!"), then each hand-over
+//   tries again, and drops its batch while no writer runs (a flush returns false at once), so
+//   memory stays bounded. The one function that starts the thread is built with exceptions,
+//   std::thread's only way to report the failure.
+// - The library is linked never to be unloaded (-z nodelete): dlclose leaves it mapped, its
+//   recorder and writer live on, and the recorder is destroyed at process exit only, so a
+//   writer left behind never runs code that is gone.
+// - Processes may log under one name at once: a forked child, or a restart while the old
+//   process still dies. The size check, the rotation and the append of each batch hold a POSIX
+//   record lock on "<log file>.lock" (0640, kept open by the writer), so each full file is
+//   rotated once, and no process removes a file another has just begun; archives of the same
+//   second by another process take _1. A process stopped while it holds the lock (a debugger)
+//   holds up the other's writer, never its logging threads.
 // - Re-attaching is safe while tasks run: a write task keeps the process name and paths that
 //   were current when it was queued.
 // - Negative levels are recorded (with an empty level letter) only while the record threshold

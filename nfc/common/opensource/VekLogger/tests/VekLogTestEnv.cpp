@@ -134,13 +134,15 @@ void NfcProcessTest::setLevels(const char* value) {
   recorder->initFeatureLevel();
 }
 
-std::vector<std::string> NfcProcessTest::archives() {
+std::vector<std::string> archives(const std::string& dir) {
   std::vector<std::string> names = listDir(dir);
   names.erase(std::remove_if(names.begin(), names.end(),
                              [](const std::string& n) { return n.rfind("nfc_process_", 0) != 0; }),
               names.end());
   return names;
 }
+
+std::vector<std::string> NfcProcessTest::archives() { return vektest::archives(dir); }
 
 void NfcProcessTest::sparseLog(off_t size) {
   writeFile(log, "");

@@ -4,22 +4,27 @@
 // so every child starts without a recorder.
 #include <android-base/logging.h>
 #include <android-base/properties.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <set>
 #include <thread>
 
 #include "VekLogLifecycle.h"
 #include "VekLogTestEnv.h"
 #include "VekWaitForWriter.h"
 
+using vektest::archives;
 using vektest::readFile;
 
 namespace {
@@ -150,6 +155,90 @@ TEST_F(Lifecycle, ForkedChildrenLogFlushAndExit) {
   EXPECT_EQ(1u, countOf(text, "T: parent done\n"));
 }
 
+// Another thread forks helpers (popen, system, dump tools) while main returns: exit ends.
+TEST_F(Lifecycle, ExitWhileAnotherThreadForks) {
+  for (int run = 0; run < 20; ++run) {
+    EXPECT_EQ("exit 0", statusOf([] {
+                attach();
+                __vek_log_i("T", "exits while forking");
+                std::thread([] {
+                  for (;;) {
+                    pid_t child = fork();
+                    if (child == 0) _exit(0);
+                    waitpid(child, nullptr, 0);
+                  }
+                }).detach();
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                return 0;
+              }))
+        << run;
+  }
+}
+
+// A forked child that keeps logging and its parent share the log file through its rotations:
+// each line of both is stored once, and no archive is made twice.
+TEST_F(Lifecycle, ForkedChildAndParentRotateOneFile) {
+  EXPECT_EQ("exit 0", statusOf([] {
+              attach();
+              VekLogRecorder::getInstance()->mMaxFileSize = 128 * 1024;  // one rotation
+              if (kForkAlone && !vekWaitForWriter(10)) return 1;
+              pid_t child = fork();
+              std::string pad(1000, 'p');
+              for (int i = 0; i < 100; ++i) {
+                __vek_log_i("T", "%s %d %s", child == 0 ? "child" : "parent", i, pad.c_str());
+              }
+              bool flushed = vekWaitForWriter(10);
+              if (child == 0) _exit(flushed ? 0 : 1);
+              int status = 0;
+              waitpid(child, &status, 0);
+              return flushed && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
+            }));
+  std::string dir = root.path("/data/vendor/nfc/");
+  std::string text = readFile(log);
+  std::set<std::string> contents;
+  for (const std::string& name : archives(dir)) {
+    std::string archived = vektest::gunzip(dir + name);
+    EXPECT_TRUE(contents.insert(archived).second) << name << " made twice";
+    text += archived;
+  }
+  for (const char* side : {"child ", "parent "}) {
+    for (int i = 0; i < 100; ++i)
+      EXPECT_EQ(1u, countOf(text, side + std::to_string(i) + " p")) << side << i;
+  }
+}
+
+// The library is never unloaded, so a writer the destructor leaves behind never runs code that
+// dlclose has unmapped.
+TEST(LibraryImage, IsNeverUnloaded) {
+  Dl_info library;
+  ASSERT_NE(0, dladdr(reinterpret_cast<void*>(&__vek_save_log_now), &library));
+  auto nodelete = [](dl_phdr_info* info, size_t, void* base) {
+    if (reinterpret_cast<void*>(info->dlpi_addr) != base) return 0;
+    for (int i = 0; i < info->dlpi_phnum; ++i) {
+      if (info->dlpi_phdr[i].p_type != PT_DYNAMIC) continue;
+      auto* entry = reinterpret_cast<ElfW(Dyn)*>(info->dlpi_addr + info->dlpi_phdr[i].p_vaddr);
+      for (; entry->d_tag != DT_NULL; ++entry) {
+        if (entry->d_tag == DT_FLAGS_1) return (entry->d_un.d_val & DF_1_NODELETE) ? 1 : 0;
+      }
+    }
+    return 0;
+  };
+  EXPECT_EQ(1, dl_iterate_phdr(nodelete, library.dli_fbase));
+}
+
+// No thread can be started (the process limit of an unprivileged user is 0): the process logs,
+// flushes, which fails at once, and exits normally.
+TEST_F(Lifecycle, WriterThatCannotStart) {
+  EXPECT_EQ("exit 0", statusOf([] {
+              rlimit none{0, 0};
+              if (getuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return 1;
+              if (setrlimit(RLIMIT_NPROC, &none) != 0) return 1;
+              attach();
+              __vek_log_i("T", "no writer");
+              return VekLogRecorder::getInstance()->saveLogsToFile(true) ? 1 : 0;
+            }));
+}
+
 // Loggers of both platform layers forward every entry back into the library: its own
 // diagnostics and prints come back on the same thread, and nothing may deadlock.
 TEST_F(Lifecycle, ForwardingPlatformLoggers) {
@@ -195,13 +284,13 @@ TEST_F(Lifecycle, ExitWhileCompressingLosesNothingArchived) {
               __vek_log_i("T", "%s", std::string(200, 'e').c_str());
               VekLogRecorder::getInstance()->saveLogsToFile(false);
               // The archive appears as the compression starts.
-              while (vektest::listDir(dir).size() < 2) std::this_thread::yield();
+              while (archives(dir).empty()) std::this_thread::yield();
               return 0;
             }));
   if (readFile(dir + "nfc_process.veklog").compare(0, text.size(), text) == 0) return;
-  std::vector<std::string> names = vektest::listDir(dir);
-  ASSERT_EQ(2u, names.size());
-  EXPECT_EQ(text, vektest::gunzip(dir + names[1]));
+  std::vector<std::string> names = archives(dir);
+  ASSERT_EQ(1u, names.size());
+  EXPECT_EQ(text, vektest::gunzip(dir + names[0]));
 }
 
 }  // namespace

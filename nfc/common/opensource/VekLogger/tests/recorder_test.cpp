@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "VekLogTestEnv.h"
 
@@ -62,11 +63,15 @@ TEST_F(RecorderTest, AttachByExactNameWithRecordingOff) {
                {"SE_PROCESS", se},
                {"nfc_process ", se},
                {"nfc_hal_process", dir + "nfc_hal_process.veklog"}};
+  std::thread reader([&quiet] {  // isNeedRecord reads mAttached without mMutex
+    for (int i = 0; i < 10000; ++i) quiet.isNeedRecord(1);
+  });
   for (const auto& step : steps) {
     EXPECT_TRUE(quiet.attchProcess(step.mName) && quiet.mAttached);
     EXPECT_EQ(step.mName, quiet.mProcessName);
     EXPECT_EQ(step.mFile, quiet.mLogFilePath) << '"' << step.mName << '"';
   }
+  reader.join();
   EXPECT_EQ(dir, quiet.mLogDir);
   quiet.record(-1, "T", "negative levels need a writer too");
   EXPECT_TRUE(quiet.mBuffer.empty());
