@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
 
 #include "VekLogDiag.h"
 #include "VekLogStorage.h"
@@ -34,18 +33,15 @@ std::vector<std::string> listArchives(DIR* dir, const std::string& prefix) {
 }
 
 // The archive this process's last rotation made, and the second of real time it was named in.
-// Only a rotation later in that same second, of this process, may replace it.
+// Only a rotation later in that same second, of this process, may replace it. Rotations run
+// one at a time, on the writer. Made when the library is loaded and never destroyed, as the
+// writer's lock file is.
 struct LastArchive {
-  std::mutex mMutex;
   std::string mPath;
   time_t mSecond = -1;
   pid_t mPid = 0;
 };
-
-LastArchive& lastArchive() {
-  static LastArchive* last = new LastArchive;  // never destroyed: a writer may outlive statics
-  return *last;
-}
+LastArchive* const gLastArchive = new LastArchive;
 
 std::string archiveName(const LogTarget& target, time_t now) {
   tm local;
@@ -75,8 +71,7 @@ std::string archivePath(const LogTarget& target, const LastArchive& last, time_t
 // name was free, or this process's own. An archive of its own that is still the same file of
 // the same size was never opened for output (the input failed first), so it stays whole.
 bool archiveLogFile(const LogTarget& target) {
-  LastArchive& last = lastArchive();
-  std::lock_guard<std::mutex> lock(last.mMutex);
+  LastArchive& last = *gLastArchive;
   time_t now = time(nullptr);
   std::string archive = archivePath(target, last, now);
   struct stat before;

@@ -39,11 +39,14 @@ void appendKernelLog(std::vector<char>& buff) {
 }
 
 // The lock file of the last log file written, kept open from one batch to the next. Writer
-// thread only.
+// thread only. Made when the library is loaded and never destroyed: a function-local static
+// could be half made by the writer when another thread forks, and a writer left behind at
+// exit may still use it.
 struct LockFile {
   std::string mPath;
   android::base::unique_fd mFd;
 };
+LockFile* const gLockFile = new LockFile;
 
 bool setLock(int fd, short type) {
   struct flock lock = {};
@@ -61,7 +64,7 @@ bool setLock(int fd, short type) {
 // directory) the batch goes on unlocked, to meet the failure it would meet anyway.
 struct LogFileLock {
   explicit LogFileLock(const std::string& logFile) {
-    static LockFile* file = new LockFile;  // never destroyed: a writer may outlive statics
+    LockFile* file = gLockFile;
     for (int attempt = 0; attempt < 2 && mFd == -1; ++attempt) {
       if (file->mPath != logFile || file->mFd == -1) {
         file->mFd = openLogDirFile(logFile + ".lock", O_RDWR | O_CREAT, 0640);
