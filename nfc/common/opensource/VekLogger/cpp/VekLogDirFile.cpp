@@ -9,15 +9,17 @@
 
 namespace vek {
 
-android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode_t mode) {
+android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode_t mode,
+                                        struct stat* st) {
   // O_NONBLOCK keeps a FIFO or device from holding up the open; on the regular file that is
   // kept it changes nothing.
   android::base::unique_fd fd(TEMP_FAILURE_RETRY(
       open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode)));
   // A directory is kept: opened for writing it fails as an ordinary failure does, and read it
   // fails at its first read. Only a FIFO or a device could hold up a reader or writer.
-  struct stat st;
-  if (fd != -1 && (fstat(fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)))) {
+  struct stat own;
+  if (st == nullptr) st = &own;
+  if (fd != -1 && (fstat(fd, st) != 0 || !(S_ISREG(st->st_mode) || S_ISDIR(st->st_mode)))) {
     fd.reset();
   }
   return fd;

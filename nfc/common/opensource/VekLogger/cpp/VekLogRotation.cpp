@@ -2,10 +2,19 @@
 //
 //   before:  <dir>/nfc_process.veklog (would pass 15 MiB)   nfc_process_<older>.gz x0..5
 //   prune:   delete the oldest nfc_process_*.gz while five or more remain
-//   archive: gzip nfc_process.veklog -> <dir>//nfc_process_YYYYmmdd_HHMMSS.gz (or _1.gz, _2.gz
-//            after the stamp when an older archive has that name); a failure removes it
-//   remove:  nfc_process.veklog; the append that follows starts a new file
+//   part:    nfc_process.veklog.gz.part made empty
+//   move:    nfc_process.veklog renamed nfc_process.veklog.rotating: no batch reaches it now
+//   archive: gzip .rotating into .gz.part, synced, renamed <dir>//nfc_process_YYYYmmdd_HHMMSS.gz
+//            (or _1.gz, _2.gz after the stamp when an older archive has that name)
+//   remove:  nfc_process.veklog.rotating; the append that follows starts a new file
+//
+// A process may die at any step. What it leaves, the next rotation or attachment completes
+// (repairRotation): .gz.part and .rotating both: the compression was cut, the text goes back
+// or into an archive again; .gz.part alone: nothing had begun; .rotating alone: its archive
+// is made. So no text is lost or archived twice, and no cut archive is ever named as one.
+#include <android-base/unique_fd.h>
 #include <dirent.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -67,27 +76,58 @@ std::string archivePath(const LogTarget& target, const LastArchive& last, time_t
   return path;
 }
 
-// A cut archive is removed: kept, it would take a good archive's place at every retry. The
-// name was free, or this process's own. An archive of its own that is still the same file of
-// the same size was never opened for output (the input failed first), so it stays whole.
-bool archiveLogFile(const LogTarget& target) {
+std::string partPath(const LogTarget& target) { return target.mLogFilePath + ".gz.part"; }
+
+std::string rotatingPath(const LogTarget& target) { return target.mLogFilePath + ".rotating"; }
+
+// Names the compressed part file as an archive. Only the rotation of the log file itself counts
+// as this process's last archive, which a rotation later in the same second replaces.
+bool publishArchive(const LogTarget& target, bool isLast) {
   LastArchive& last = *gLastArchive;
   time_t now = time(nullptr);
   std::string archive = archivePath(target, last, now);
-  struct stat before;
-  bool existed = lstat(archive.c_str(), &before) == 0;
-  if (compressGzip(target.mLogFilePath, archive)) {
-    last.mPath = archive;
-    last.mSecond = now;
-    last.mPid = getpid();
-    return true;
+  if (rename(partPath(target).c_str(), archive.c_str()) != 0) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open outFile file: %s",
+                                                   "compressGzip", archive.c_str());
+    return false;
   }
-  struct stat after;
-  if (!existed || lstat(archive.c_str(), &after) != 0 || after.st_ino != before.st_ino ||
-      after.st_size != before.st_size) {
-    unlink(archive.c_str());
+  // The archive's name must reach storage before its text leaves the log file.
+  android::base::unique_fd dir(open(target.mLogDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dir != -1) fsync(dir);
+  if (isLast) *gLastArchive = LastArchive{archive, now, getpid()};
+  return true;
+}
+
+// Compresses input, the open file at path, into a new archive by the steps above; path is
+// moved out of the way first when it is the log file (a directory there is only read, and
+// fails at its first read). On success *left is where its text still is, for the caller to
+// remove; on failure it is back where it was.
+bool archiveFile(const LogTarget& target, int input, const std::string& path, bool isLog,
+                 std::string* left) {
+  android::base::unique_fd output = openGzipOutput(partPath(target));
+  if (output == -1) return false;
+  *left = path;
+  struct stat st;
+  if (isLog && fstat(input, &st) == 0 && S_ISREG(st.st_mode) &&
+      rename(path.c_str(), rotatingPath(target).c_str()) == 0) {
+    *left = rotatingPath(target);
   }
+  if (writeGzip(input, std::move(output)) && publishArchive(target, isLog)) return true;
+  // A cut part of the log file is removed, so that failing again and again (a full disk)
+  // costs nothing more; a repair's stays, marking its text as still to be archived.
+  if (*left != path) rename(left->c_str(), path.c_str());
+  if (isLog) unlink(partPath(target).c_str());
   return false;
+}
+
+bool archiveLogFile(const LogTarget& target, std::string* left) {
+  android::base::unique_fd input = openLogDirFile(target.mLogFilePath, O_RDONLY);
+  if (input == -1) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open input file: %s",
+                                                   "compressGzip", target.mLogFilePath.c_str());
+    return false;
+  }
+  return archiveFile(target, input, target.mLogFilePath, true, left);
 }
 
 }  // namespace
@@ -100,24 +140,48 @@ bool checkLogFileExceed(const LogTarget& target, int size) {
   if (static_cast<uint64_t>(total) <= target.mMaxFileSize) return true;
 
   VEK_DIAG(INFO) << "fileSize is full: " << total;
+  repairRotation(target);
   if (!manageCompressFiles(target)) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to manageCompressFiles!",
                                                    "checkLogFileExceed");
     return false;
   }
-  if (!archiveLogFile(target)) {
+  std::string left;
+  if (!archiveLogFile(target, &left)) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to compressGzip!",
                                                    "checkLogFileExceed");
     return false;
   }
-  int ret = remove(target.mLogFilePath.c_str());
+  int ret = remove(left.c_str());
   if (ret != 0) {
+    rename(left.c_str(), target.mLogFilePath.c_str());  // the log file stays, archived
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to remove file: %s, ret = %d",
                                                    "checkLogFileExceed",
                                                    target.mLogFilePath.c_str(), ret);
     return false;
   }
   return true;
+}
+
+void repairRotation(const LogTarget& target) {
+  struct stat st;
+  bool cut = lstat(partPath(target).c_str(), &st) == 0;
+  if (cut) unlink(partPath(target).c_str());
+  std::string rotating = rotatingPath(target);
+  if (lstat(rotating.c_str(), &st) != 0) return;
+  if (!cut) {
+    unlink(rotating.c_str());  // its archive was made
+    return;
+  }
+  // The text goes back to the log file, or into an archive of its own when a new log file
+  // has begun meanwhile. Should that fail too, both files stay for the next repair.
+  if (lstat(target.mLogFilePath.c_str(), &st) != 0 &&
+      rename(rotating.c_str(), target.mLogFilePath.c_str()) == 0) {
+    return;
+  }
+  android::base::unique_fd input = openLogDirFile(rotating, O_RDONLY);
+  std::string left;
+  if (input != -1 && archiveFile(target, input, rotating, false, &left)) unlink(rotating.c_str());
 }
 
 std::string getCompressedLogFile(const LogTarget& target) {
