@@ -8,6 +8,7 @@
 
 #include "VekLogDiag.h"
 #include "VekLogLifecycle.h"
+#include "VekLogTail.h"
 #include "VekLogger.h"
 
 namespace {
@@ -146,12 +147,20 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
     if (recorder.mBuffer.capacity() == 0) {
       recorder.mBuffer.reserve(recorder.mFlushThreshold + kBatchSlack);
     }
+    size_t before = recorder.mBuffer.size();
     appendLine(recorder.mBuffer, level, ids, lineTag, message.data() + start, stop - start);
+    tailAppend(recorder.mBuffer.data() + before, recorder.mBuffer.size() - before);
     if (recorder.mBuffer.size() > recorder.mFlushThreshold) {
       recorder.sendBuffToWorker(std::move(recorder.mBuffer), nullptr);
     }
     start = stop + 1;
   }
+}
+
+std::vector<char> formatLine(int level, std::string_view tag, std::string_view text) {
+  std::vector<char> line;
+  appendLine(line, level, readIds(), tag, text.data(), text.size());
+  return line;
 }
 
 }  // namespace vek

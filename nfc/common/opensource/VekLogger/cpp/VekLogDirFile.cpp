@@ -25,4 +25,9 @@ android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode
   return fd;
 }
 
+std::string privatePath(const std::string& logFile, const char* suffix) {
+  size_t name = logFile.rfind('/') + 1;  // npos + 1 is 0: no directory
+  return logFile.substr(0, name) + "." + logFile.substr(name) + suffix;
+}
+
 }  // namespace vek

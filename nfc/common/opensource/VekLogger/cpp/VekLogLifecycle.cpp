@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "VekLogDiag.h"
+#include "VekLogTail.h"
 
 namespace vek {
 namespace {
@@ -31,14 +32,19 @@ bool waitUntil(Done done) {
   return true;
 }
 
-// Takes the next task, or returns false once the writer is to stop.
+// Takes the next task, or returns false once the writer is to stop. Work on the crash tail (a
+// recovery, which must come before anything newer) goes before the queue.
 bool takeTask(VekLogRecorder* recorder, std::function<void()>* task) {
   std::unique_lock<std::mutex> lock(recorder->mMutex);
-  recorder->mCondition.wait(
-      lock, [recorder] { return recorder->mStopWriter || !recorder->mTasks.empty(); });
+  recorder->mCondition.wait(lock, [recorder, task] {
+    *task = takeTailWork(*recorder);
+    return recorder->mStopWriter || *task || !recorder->mTasks.empty();
+  });
   if (recorder->mStopWriter) return false;
-  *task = std::move(recorder->mTasks.front());
-  recorder->mTasks.pop_front();
+  if (!*task) {
+    *task = std::move(recorder->mTasks.front());
+    recorder->mTasks.pop_front();
+  }
   recorder->mWriterState = kWriterInTask;
   return true;
 }
@@ -66,7 +72,8 @@ void writerLoop(VekLogRecorder* recorder) {
 }
 
 // Waits for the writer to stop; one still starting or in a task after the wait is left behind.
-void stopWriter(VekLogRecorder& recorder) {
+// True when it stopped.
+bool stopWriter(VekLogRecorder& recorder) {
   {
     std::lock_guard<std::mutex> lock(recorder.mMutex);
     recorder.mStopWriter = true;
@@ -76,9 +83,10 @@ void stopWriter(VekLogRecorder& recorder) {
   if (!stopped && (advance(&recorder, kWriterStarting, kWriterLeftBehind) ||
                    advance(&recorder, kWriterInTask, kWriterLeftBehind))) {
     recorder.mWorker.detach();
-  } else {
-    recorder.mWorker.join();
+    return false;
   }
+  recorder.mWorker.join();
+  return true;
 }
 
 pthread_rwlock_t gLibbaseLines = PTHREAD_RWLOCK_INITIALIZER;
@@ -114,6 +122,7 @@ void resetInChild() {
   recorder->mBuffer.clear();
   recorder->mRestartWriter = recorder->mRestartWriter || recorder->mWorker.joinable();
   new (&recorder->mWorker) std::thread;
+  dropTailInChild();
   recorder->mUsers = 0;
   recorder->mWriterState = kWriterStopped;
 }
@@ -144,6 +153,7 @@ void installForkHandlers() { pthread_atfork(lockForFork, unlockInParent, resetIn
 
 VekLogRecorder::~VekLogRecorder() {
   mClosed = true;
-  vek::waitUntil([this] { return mUsers == 0; });
-  if (mWorker.joinable()) vek::stopWriter(*this);
+  bool idle = vek::waitUntil([this] { return mUsers == 0; });
+  bool stopped = !mWorker.joinable() || vek::stopWriter(*this);
+  vek::closeTail(idle && stopped);
 }

@@ -63,6 +63,9 @@ bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
 void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
                 std::string_view message);
 
+// One line of level, tag and text in the log file's format, stamped now by this thread.
+std::vector<char> formatLine(int level, std::string_view tag, std::string_view text);
+
 // Registers the fork handlers that keep the process's recorder working in a child. Once.
 void installForkHandlers();
 

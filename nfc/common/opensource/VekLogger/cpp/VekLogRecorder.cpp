@@ -4,6 +4,7 @@
 #include "VekLogDiag.h"
 #include "VekLogLifecycle.h"
 #include "VekLogPlatform.h"
+#include "VekLogStorage.h"
 #include "VekLogger.h"
 
 namespace {
@@ -17,7 +18,7 @@ struct KnownProcess {
   const char* mLogDir;
 };
 
-constexpr KnownProcess kKnownProcesses[] = {
+constexpr KnownProcess kProcesses[vek::kKnownProcesses] = {
     {"nfc_process", "/data/vendor/nfc/"},
     {"nfc_hal_process", "/data/vendor/nfc/"},
     {"se_process", "/data/vendor/secure_element/"},
@@ -27,6 +28,25 @@ constexpr KnownProcess kKnownProcesses[] = {
 int levelOfDigit(char digit) { return digit >= '0' && digit <= '6' ? digit - '0' : kDefaultLevel; }
 
 }  // namespace
+
+namespace vek {
+
+int knownProcess(const std::string& name) {
+  for (int process = 0; process < kKnownProcesses; ++process) {
+    if (name == kProcesses[process].mName) return process;
+  }
+  return -1;
+}
+
+const char* knownName(int process) { return kProcesses[process].mName; }
+
+LogTarget knownTarget(const VekLogRecorder& recorder, int process) {
+  std::string dir = devicePath(kProcesses[process].mLogDir);
+  return LogTarget{knownName(process), dir, dir + knownName(process) + ".veklog",
+                   recorder.mMaxFileSize};
+}
+
+}  // namespace vek
 
 VekLogRecorder* VekLogRecorder::getInstance() {
   static VekLogRecorder instance;
@@ -87,17 +107,19 @@ bool VekLogRecorder::attchProcess(const std::string& processName) {
   {
     vek::UserScope user(*this);
     if (!user.mEntered) return true;
-    // Under mMutex so that record and sendBuffToWorker never see the strings change halfway.
-    std::lock_guard<std::mutex> lock(mMutex);
-    mProcessName = processName;
-    for (const KnownProcess& known : kKnownProcesses) {
-      if (processName == known.mName) {
-        mLogDir = vek::devicePath(known.mLogDir);
-        mLogFilePath = mLogDir + processName + ".veklog";
-        break;
+    int process = vek::knownProcess(processName);
+    {
+      // Under mMutex so that record and sendBuffToWorker never see the strings change halfway.
+      std::lock_guard<std::mutex> lock(mMutex);
+      mProcessName = processName;
+      if (process >= 0) {
+        vek::LogTarget target = vek::knownTarget(*this, process);
+        mLogDir = target.mLogDir;
+        mLogFilePath = target.mLogFilePath;
       }
+      __atomic_store_n(&mAttached, true, __ATOMIC_RELEASE);
     }
-    __atomic_store_n(&mAttached, true, __ATOMIC_RELEASE);
+    if (process >= 0) vek::attachTail(*this, process);
   }
   VEK_DIAG(INFO) << "attchProcess " << processName;
   return true;

@@ -2,15 +2,15 @@
 //
 //   before:  <dir>/nfc_process.veklog (would pass 15 MiB)   nfc_process_<older>.gz x0..5
 //   prune:   delete the oldest nfc_process_*.gz while five or more remain
-//   part:    nfc_process.veklog.gz.part made empty
+//   part:    .nfc_process.veklog.gz.part made empty
 //   move:    nfc_process.veklog renamed nfc_process.veklog.rotating: no batch reaches it now
-//   archive: gzip .rotating into .gz.part, synced, renamed <dir>//nfc_process_YYYYmmdd_HHMMSS.gz
+//   archive: gzip .rotating into the part, synced, renamed <dir>//nfc_process_YYYYmmdd_HHMMSS.gz
 //            (or _1.gz, _2.gz after the stamp when an older archive has that name)
 //   remove:  nfc_process.veklog.rotating; the append that follows starts a new file
 //
 // A process may die at any step. What it leaves, the next rotation or attachment completes
-// (repairRotation): .gz.part and .rotating both: the compression was cut, the text goes back
-// or into an archive again; .gz.part alone: nothing had begun; .rotating alone: its archive
+// (repairRotation): part and .rotating both: the compression was cut, the text goes back
+// or into an archive again; part alone: nothing had begun; .rotating alone: its archive
 // is made. So no text is lost or archived twice, and no cut archive is ever named as one.
 #include <android-base/unique_fd.h>
 #include <dirent.h>
@@ -76,7 +76,9 @@ std::string archivePath(const LogTarget& target, const LastArchive& last, time_t
   return path;
 }
 
-std::string partPath(const LogTarget& target) { return target.mLogFilePath + ".gz.part"; }
+std::string partPath(const LogTarget& target) {
+  return privatePath(target.mLogFilePath, ".gz.part");
+}
 
 std::string rotatingPath(const LogTarget& target) { return target.mLogFilePath + ".rotating"; }
 

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "VekLogTail.h"
+
 class VekLogRecorder;
 
 namespace vek {
@@ -25,13 +27,41 @@ struct LogTarget {
   uint32_t mMaxFileSize;
 };
 
-// Appends buff (plus the kernel log in "nfc_hal_process") to the target's log file, rotating
-// it first when needed, and sets 0 (appended) or 1 (dropped) on promise when there is one.
 // The recorder's attachment as it stands; the caller keeps it from changing meanwhile.
 LogTarget currentTarget(const VekLogRecorder& recorder);
 
+// The known processes, in the order attchProcess compares them, and the log file of each.
+constexpr int kKnownProcesses = 4;
+int knownProcess(const std::string& name);  // -1 for any other name
+const char* knownName(int process);
+LogTarget knownTarget(const VekLogRecorder& recorder, int process);
+
+// Appends buff (plus the kernel log in "nfc_hal_process") to the target's log file, rotating
+// it first when needed, and sets 0 (appended) or 1 (dropped) on promise when there is one.
+// The batch's lines are then done in the crash tail, appended or dropped.
 void runWriteTask(const LogTarget& target, std::vector<char>& buff,
-                  const std::shared_ptr<std::promise<int>>& promise);
+                  const std::shared_ptr<std::promise<int>>& promise, const TailSpan& span);
+
+// Appends buff to the target's log file, rotating it first when needed, with the log file's
+// lock held, and notes the write in the crash tail of span. False, reported, when it could not.
+bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span);
+
+// Another process may log under the same name at once: a forked child, or a restart while the
+// old one still dies. The size check, the rotation and the append of a batch hold a write lock
+// on ".<log file>.lock", so that each full file rotates once and no process removes a file
+// another has just begun. A POSIX record lock belongs to the process: a forked child's copy of
+// the descriptor never shares its parent's lock. The file stays open from one batch to the
+// next: locking costs two system calls and a check that the file is still the one at that
+// name. Without a usable lock file (a missing directory) nothing is locked, and the batch meets
+// the failure it would meet anyway. Writer thread only.
+struct LogFileLock {
+  explicit LogFileLock(const std::string& logFile);
+  ~LogFileLock();
+  LogFileLock(const LogFileLock&) = delete;
+  LogFileLock& operator=(const LogFileLock&) = delete;
+
+  int mFd = -1;
+};
 
 bool checkLogFileExceed(const LogTarget& target, int size);
 // Completes a rotation that a process's death cut short (see VekLogRotation.cpp). The caller
@@ -49,6 +79,10 @@ bool writeGzip(int input, android::base::unique_fd output);
 // O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC, and keeps it only when it is a regular file
 // or a directory: a link, FIFO or device planted there is never followed, waited on, read or
 // written.
+// The library's own file beside a log file: its name with a dot in front and suffix after,
+// so that whoever reads the directory's logs (lnav given the directory) passes it by.
+std::string privatePath(const std::string& logFile, const char* suffix);
+
 // st, when given, receives the file's status.
 android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode_t mode = 0,
                                         struct stat* st = nullptr);

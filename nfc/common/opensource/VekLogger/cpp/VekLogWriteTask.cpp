@@ -55,63 +55,54 @@ bool setLock(int fd, short type) {
   return TEMP_FAILURE_RETRY(fcntl(fd, F_SETLKW, &lock)) == 0;
 }
 
-// Another process may log under the same name at once: a forked child, or a restart while the
-// old process still dies. The size check, the rotation and the append of a batch hold a write
-// lock on "<log file>.lock", so that each full file rotates once and no process removes a file
-// another has just begun. A POSIX record lock belongs to the process: a forked child's copy of
-// the descriptor never shares its parent's lock. Locking costs two system calls and a check
-// that the file is still the one at that name. Without a usable lock file (a missing
-// directory) the batch goes on unlocked, to meet the failure it would meet anyway.
-struct LogFileLock {
-  explicit LogFileLock(const std::string& logFile) {
-    LockFile* file = gLockFile;
-    for (int attempt = 0; attempt < 2 && mFd == -1; ++attempt) {
-      if (file->mPath != logFile || file->mFd == -1) {
-        file->mFd = openLogDirFile(logFile + ".lock", O_RDWR | O_CREAT, 0640);
-        file->mPath = logFile;
-      }
-      struct stat st;
-      if (file->mFd == -1 || !setLock(file->mFd, F_WRLCK)) return;
-      if (fstat(file->mFd, &st) == 0 && st.st_nlink > 0) {
-        mFd = file->mFd;
-      } else {
-        file->mFd.reset();  // removed since it was opened, which released the lock
-      }
+}  // namespace
+
+LogFileLock::LogFileLock(const std::string& logFile) {
+  LockFile* file = gLockFile;
+  for (int attempt = 0; attempt < 2 && mFd == -1; ++attempt) {
+    if (file->mPath != logFile || file->mFd == -1) {
+      file->mFd = openLogDirFile(privatePath(logFile, ".lock"), O_RDWR | O_CREAT, 0640);
+      file->mPath = logFile;
+    }
+    struct stat st;
+    if (file->mFd == -1 || !setLock(file->mFd, F_WRLCK)) return;
+    if (fstat(file->mFd, &st) == 0 && st.st_nlink > 0) {
+      mFd = file->mFd;
+    } else {
+      file->mFd.reset();  // removed since it was opened, which released the lock
     }
   }
-  ~LogFileLock() {
-    if (mFd != -1) setLock(mFd, F_UNLCK);
-  }
-  LogFileLock(const LogFileLock&) = delete;
-  LogFileLock& operator=(const LogFileLock&) = delete;
+}
 
-  int mFd = -1;
-};
+LogFileLock::~LogFileLock() {
+  if (mFd != -1) setLock(mFd, F_UNLCK);
+}
 
-bool appendToLogFile(const LogTarget& target, const std::vector<char>& buff) {
+bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span) {
   LogFileLock lock(target.mLogFilePath);
   if (!checkLogFileExceed(target, static_cast<int>(buff.size()))) {
     VEK_DIAG(ERROR) << "check log file excedd failed!";
     return false;
   }
+  struct stat st;
   android::base::unique_fd fd =
-      openLogDirFile(target.mLogFilePath, O_WRONLY | O_APPEND | O_CREAT, 0640);
+      openLogDirFile(target.mLogFilePath, O_WRONLY | O_APPEND | O_CREAT, 0640, &st);
   if (fd == -1) {
     VEK_DIAG(ERROR) << "Failed to append file: " << target.mLogFilePath;
     return false;
   }
+  tailWriting(span, st);
   android::base::WriteFully(fd, buff.data(), buff.size());
   return true;
 }
 
-}  // namespace
-
 void runWriteTask(const LogTarget& target, std::vector<char>& buff,
-                  const std::shared_ptr<std::promise<int>>& promise) {
+                  const std::shared_ptr<std::promise<int>>& promise, const TailSpan& span) {
   if (target.mProcessName == kKernelLogProcess) appendKernelLog(buff);
   VEK_DIAG(INFO) << "writting buffer size: " << buff.size();
-  // appendToLogFile has closed the file by now, so a woken waiter finds the text in it.
-  int completion = appendToLogFile(target, buff) ? 0 : 1;
+  // appendBatch has closed the file by now, so a woken waiter finds the text in it.
+  int completion = appendBatch(target, buff, span) ? 0 : 1;
+  tailDone(span);
   if (promise) promise->set_value(completion);
 }
 
@@ -126,10 +117,12 @@ bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
     if (promise) promise->set_value(1);
     return false;
   }
+  // Only the recorder's own buffer has its lines in the crash tail.
+  TailSpan span = &buff == &recorder.mBuffer ? takeTailSpan() : TailSpan();
   recorder.mTasks.emplace_back([target = currentTarget(recorder), text = std::move(buff),
-                                promise = std::move(promise), announced]() mutable {
+                                promise = std::move(promise), announced, span]() mutable {
     if (announced.valid()) announced.wait();
-    runWriteTask(target, text, promise);
+    runWriteTask(target, text, promise, span);
   });
   recorder.mCondition.notify_one();
   return true;

@@ -118,12 +118,12 @@ std::string gunzip(const std::string& path) { return runCommand("gzip -dc '" + p
 void NfcProcessTest::SetUp() {
   recorder = VekLogRecorder::getInstance();
   setLevels("55");
-  WriterGate{recorder}.release();  // every task queued before has run
+  recorder->attchProcess("nfc_process");
+  WriterGate{recorder}.release();  // every task queued before has run, and the attachment's work
   {
     std::lock_guard<std::mutex> lock(recorder->mMutex);
     recorder->mBuffer.clear();
   }
-  recorder->attchProcess("nfc_process");
   dir = root.path("/data/vendor/nfc/");
   log = dir + "nfc_process.veklog";
   diag.clear();

@@ -57,8 +57,9 @@ TEST_F(FaultTest, AppendFailsWhileTheFaultHoldsThenResumes) {
     std::function<int()> mBreak;
     std::function<int()> mRepair;
   } cases[] = {
-      {"directory missing", true, [&] { return rmdir(dir.c_str()); },
-       [&] { return mkdir(dir.c_str(), 0755); }},
+      {"directory missing", true,
+       [&] { return rename(dir.c_str(), (root.mRoot + "/gone").c_str()); },
+       [&] { return rename((root.mRoot + "/gone").c_str(), dir.c_str()); }},
       {"a directory", true, [&] { return mkdir(log.c_str(), 0755); },
        [&] { return rmdir(log.c_str()); }},
       {"a link", true, [&] { return symlink(secret.c_str(), log.c_str()); },

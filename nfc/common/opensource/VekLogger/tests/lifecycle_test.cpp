@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <link.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -287,23 +288,96 @@ TEST_F(Lifecycle, ExitWithTheWriterStuckInATask) {
             }));
 }
 
-// A rotation under way at exit ends with the log file either archived whole or kept whole.
-TEST_F(Lifecycle, ExitWhileCompressingLosesNothingArchived) {
-  std::string dir = root.path("/data/vendor/nfc/");
-  std::string text = vektest::logText(15L * 1024 * 1024 - 100);
-  vektest::writeFile(dir + "nfc_process.veklog", text);
-  EXPECT_EQ("exit 0", statusOf([&dir] {
-              attach();
-              __vek_log_i("T", "%s", std::string(200, 'e').c_str());
-              VekLogRecorder::getInstance()->saveLogsToFile(false);
-              // The archive appears as the compression starts.
-              while (archives(dir).empty()) std::this_thread::yield();
-              return 0;
-            }));
-  if (readFile(dir + "nfc_process.veklog").compare(0, text.size(), text) == 0) return;
-  std::vector<std::string> names = archives(dir);
-  ASSERT_EQ(1u, names.size());
-  EXPECT_EQ(text, vektest::gunzip(dir + names[0]));
+// How a child dies once it has logged its numbered lines. With mRotates, the log file starts
+// near its limit, a thread logs, and the child dies as the rotation is under way; then
+// mRecoveryDeaths processes die while they recover it.
+struct Death {
+  const char* mWhat;
+  int mLines;
+  bool mRotates;
+  int mRecoveryDeaths;
+  bool mRecovers;  // false: an exit, whose destructor discards what is pending
+  void (*mDie)();
+};
+
+constexpr off_t kSmallLimit = 1 << 20;  // rotations quick enough for emulators and sanitizers
+const std::string kFiller = "11-22 20:51:23.000 1873 2011 I Pre: filler\n";
+
+void attachSmall() {
+  VekLogRecorder::getInstance()->mMaxFileSize = kSmallLimit;
+  attach();
+}
+
+// Every line a log call accepted before the death is in the log file or an archive once, in
+// order, after a process attaches under the same name: whatever the moment, no line is lost,
+// repeated or cut, and no archive is broken. Only an exit, whose destructor discards what is
+// pending, recovers nothing; a rotation it cut leaves the text whole.
+TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
+  const Death deaths[] = {
+      {"kill -9, idle", 50, false, 0, true,
+       [] {
+         usleep(100000);
+         raise(SIGKILL);
+       }},
+      {"abort, batches queued", 3000, false, 0, true, [] { abort(); }},
+      {"SIGSEGV on another thread", 500, false, 0, true,
+       [] { std::thread([] { raise(SIGSEGV); }).join(); }},
+      {"_exit", 300, false, 0, true, [] { _exit(0); }},
+      {"kill -9 mid-rotation", 1500, true, 0, true, [] { raise(SIGKILL); }},
+      {"kill -9 mid-rotation and mid-recovery", 1500, true, 1, true, [] { raise(SIGKILL); }},
+      {"exit", 50, false, 0, false, [] { exit(0); }},
+      {"exit mid-rotation", 1500, true, 0, false, [] { exit(0); }},
+  };
+  auto* accepted = static_cast<std::atomic<int>*>(
+      mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  for (const Death& death : deaths) {
+    vektest::ScratchRoot scratch;
+    std::string dir = scratch.path("/data/vendor/nfc/");
+    size_t fillers = death.mRotates ? (kSmallLimit - 100) / kFiller.size() : 0;
+    std::string text;
+    for (size_t i = 0; i < fillers; ++i) text += kFiller;
+    vektest::writeFile(dir + "nfc_process.veklog", text);
+    *accepted = 0;
+    statusOf([&death, accepted, &dir] {
+      attachSmall();
+      std::thread([&death, accepted] {
+        for (int i = 0; i < death.mLines; ++i) {
+          __vek_log_i("T", "line %d", i);
+          *accepted = i + 1;
+        }
+      }).detach();
+      while (death.mRotates && !vektest::exists(dir + ".nfc_process.veklog.gz.part")) usleep(100);
+      while (!death.mRotates && *accepted < death.mLines) usleep(100);
+      death.mDie();
+      return 0;
+    });
+    for (int i = 0; i < death.mRecoveryDeaths; ++i) {
+      statusOf([] {
+        attachSmall();
+        usleep(2000);
+        return raise(SIGKILL);
+      });
+    }
+    ASSERT_EQ("exit 0", statusOf([] {
+                attachSmall();
+                return vekWaitForWriter(10) ? 0 : 1;
+              }))
+        << death.mWhat;
+    std::string found;
+    for (const std::string& name : archives(dir)) found += vektest::gunzip(dir + name);
+    found += readFile(dir + "nfc_process.veklog");
+    EXPECT_EQ(fillers, countOf(found, " Pre: filler\n")) << death.mWhat;
+    int next = 0;
+    for (size_t at = found.find(" T: line "); at != std::string::npos;
+         at = found.find(" T: line ", at + 1)) {
+      EXPECT_EQ(next++, atoi(found.c_str() + at + 9)) << death.mWhat;
+    }
+    if (death.mRecovers) {
+      EXPECT_TRUE(next == *accepted || (death.mRotates && next == *accepted + 1)) << death.mWhat;
+    } else {
+      EXPECT_LE(next, death.mRotates ? accepted->load() : 0) << death.mWhat;
+    }
+  }
 }
 
 }  // namespace

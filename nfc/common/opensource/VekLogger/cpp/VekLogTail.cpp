@@ -1,0 +1,324 @@
+// The crash tail: this process's own, and the recovery of what dead processes left.
+#include "VekLogTail.h"
+
+#include <android-base/unique_fd.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <stdio.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <mutex>
+
+#include "VekLogDiag.h"
+#include "VekLogLifecycle.h"
+#include "VekLogStorage.h"
+#include "VekLogger.h"
+
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23
+#endif
+
+namespace vek {
+namespace {
+
+constexpr size_t kTailFileSize = kTailHeaderSize + kTailCapacity;
+
+// This process's tail. Made when the library is loaded and never destroyed: a writer left
+// behind at exit may still use it. The fields below mHeader are guarded by mMutex.
+struct Tail {
+  TailHeader* mHeader = nullptr;  // null: lines are not protected
+  char* mRing = nullptr;
+  int mFd = -1;
+  std::string mPath;
+  bool mTried = false;       // made or failed once: a process tries once
+  bool mReopen = false;      // a forked child's writer makes a tail of its own
+  int mProcess = -1;         // the known process lines now go to
+  unsigned mRecover = 0;     // known processes whose dead tails the writer is to recover
+  uint64_t mBatchStart = 0;  // where mBuffer's lines begin in the ring
+  uint64_t mBatchLost = 0;   // bytes of mBuffer the ring had no room for
+};
+Tail* const gTail = new Tail;
+
+// Makes every page of the mapping resident and writable, so that no logging thread faults on
+// it; pages the kernel has since written back are made writable again after each batch.
+void populate(void* map, size_t size) { madvise(map, size, MADV_POPULATE_WRITE); }
+
+// Notes that from the current batch on, lines go to process.
+void retarget(TailHeader& header, int process) {
+  uint32_t count = header.mTargetCount;
+  if (count > 0 && header.mTargets[count - 1].mProcess == process) return;
+  if (count == kTailTargets) {  // the oldest goes: lines that old are long written
+    memmove(&header.mTargets[0], &header.mTargets[1], sizeof(TailTarget) * (kTailTargets - 1));
+    --count;
+  }
+  header.mTargets[count] = TailTarget{gTail->mBatchStart, process, 0};
+  header.mTargetCount = count + 1;
+}
+
+// Makes ".<log file>.<time>-<pid>.tail" for process, whole and locked before it has its name,
+// so that no recovery ever takes it for a dead one; the space is reserved first, so that a
+// full disk can never fault a logging thread (SIGBUS).
+bool makeTail(const VekLogRecorder& recorder, int process, Tail* tail) {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  char suffix[64];
+  snprintf(suffix, sizeof(suffix), ".%016" PRIx64 "-%d.tail",
+           static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec),
+           getpid());
+  std::string path = privatePath(knownTarget(recorder, process).mLogFilePath, suffix);
+  std::string fresh = path + ".new";
+  android::base::unique_fd fd = openLogDirFile(fresh, O_RDWR | O_CREAT | O_EXCL, 0640);
+  void* map = MAP_FAILED;
+  if (fd != -1 && flock(fd, LOCK_EX | LOCK_NB) == 0 && posix_fallocate(fd, 0, kTailFileSize) == 0) {
+    map = mmap(nullptr, kTailFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  }
+  if (map != MAP_FAILED) {
+    populate(map, kTailFileSize);
+    auto* header = new (map) TailHeader{};
+    header->mCapacity = kTailCapacity;
+    header->mTargets[0] = TailTarget{0, process, 0};
+    header->mTargetCount = 1;
+    memcpy(header->mMagic, kTailMagic, sizeof(kTailMagic));
+    if (rename(fresh.c_str(), path.c_str()) == 0) {
+      *tail = Tail{header, static_cast<char*>(map) + kTailHeaderSize, fd.release(), path};
+      return true;
+    }
+    munmap(map, kTailFileSize);
+  }
+  if (fd != -1) unlink(fresh.c_str());
+  VEK_DIAG(WARNING) << "Failed to set up crash tail: " << path;
+  return false;
+}
+
+// Makes the tail (I/O with mMutex released) and puts it in place. Lines already in mBuffer
+// count as lost: the ring never held them.
+void openTail(VekLogRecorder& recorder, int process) {
+  Tail made;
+  bool ok = makeTail(recorder, process, &made);
+  std::lock_guard<std::mutex> lock(recorder.mMutex);
+  Tail& tail = *gTail;
+  tail.mTried = true;
+  if (!ok || recorder.mClosed) return;
+  tail.mHeader = made.mHeader;
+  tail.mRing = made.mRing;
+  tail.mFd = made.mFd;
+  tail.mPath = made.mPath;
+  tail.mBatchStart = 0;
+  tail.mBatchLost = recorder.mBuffer.size();
+  tail.mHeader->mLostLogged = tail.mBatchLost;
+  retarget(*tail.mHeader, tail.mProcess);
+}
+
+// How much of the batch a death cut short, [mTail, mFlightEnd), is in its file: a batch is
+// written with one write, which a fatal signal can cut between pages. A file gone or replaced
+// since was archived after the write. With lines of the batch the ring lacked, only whether
+// the write began can be told.
+uint64_t writtenOfFlight(const TailHeader& header, const char* ring, const LogTarget& target) {
+  uint64_t size = header.mFlightEnd - header.mTail;
+  struct stat st;
+  android::base::unique_fd fd = openLogDirFile(target.mLogFilePath, O_RDONLY, 0, &st);
+  if (fd == -1 || static_cast<uint64_t>(st.st_dev) != header.mFlightDev ||
+      static_cast<uint64_t>(st.st_ino) != header.mFlightIno) {
+    return size;
+  }
+  if (header.mFlightLost != 0) return st.st_size > header.mFlightOffset ? size : 0;
+  std::vector<char> file(size);
+  std::vector<char> batch(size);
+  ssize_t got = pread(fd, file.data(), size, header.mFlightOffset);
+  copyFromRing(ring, header.mTail, size, batch.data());
+  uint64_t same = 0;
+  while (got > 0 && same < static_cast<uint64_t>(got) && file[same] == batch[same]) ++same;
+  return same;
+}
+
+// Appends what a dead process's tail holds to the log files its lines were meant for, one
+// target's run of lines at a time, each noted before it is written as the writer notes its
+// batches: a recovery cut short by another death goes on where it stopped. False when a run
+// could not be appended: the tail stays for a later attachment.
+bool replay(VekLogRecorder& recorder, TailHeader& header, const char* ring) {
+  if (header.mFlightEnd != 0) {
+    LogTarget target = knownTarget(recorder, targetAt(header, header.mTail));
+    header.mTail = header.mTail + writtenOfFlight(header, ring, target);
+    header.mLostDone = header.mLostDone + header.mFlightLost;
+    header.mFlightEnd = 0;
+  }
+  while (header.mTail < header.mHead) {
+    uint64_t from = header.mTail;
+    uint64_t to = header.mHead;
+    for (uint32_t i = 0; i < header.mTargetCount && i < kTailTargets; ++i) {
+      if (header.mTargets[i].mFrom > from) to = std::min<uint64_t>(to, header.mTargets[i].mFrom);
+    }
+    int process = targetAt(header, from);
+    if (process < 0 || process >= kKnownProcesses) return true;  // no target: nothing to do
+    std::vector<char> text(to - from);
+    copyFromRing(ring, from, text.size(), text.data());
+    TailSpan span{&header, to, 0};
+    if (!appendBatch(knownTarget(recorder, process), text, span)) return false;
+    tailDone(span);
+  }
+  uint64_t lost = header.mLostLogged - header.mLostDone;
+  if (lost == 0) return true;
+  VEK_DIAG(WARNING) << "crash tail: " << lost << " bytes logged before a death were lost";
+  int process = targetAt(header, header.mTail);
+  std::string note = std::to_string(lost) + " bytes logged before a death were lost";
+  std::vector<char> line = formatLine(VEK_LEVEL_WARNING, knownName(process), note);
+  TailSpan none;
+  if (!appendBatch(knownTarget(recorder, process), line, none)) return false;
+  header.mLostDone = header.mLostLogged.load();
+  return true;
+}
+
+// Recovers the tail name in target's directory unless its process lives (it holds the lock),
+// and removes it. The first dead one first completes a rotation its death may have cut short.
+void recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::string& name,
+                 bool* repaired) {
+  std::string path = target.mLogDir + name;
+  struct stat st;
+  android::base::unique_fd fd = openLogDirFile(path, O_RDWR, 0, &st);
+  if (fd == -1 || flock(fd, LOCK_EX | LOCK_NB) != 0) return;
+  if (!*repaired) {
+    LogFileLock lock(target.mLogFilePath);
+    repairRotation(target);
+    *repaired = true;
+  }
+  void* map = MAP_FAILED;
+  if (static_cast<uint64_t>(st.st_size) == kTailFileSize) {
+    map = mmap(nullptr, kTailFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  }
+  TailHeader* header = map == MAP_FAILED ? nullptr : tailHeader(map, kTailFileSize);
+  bool done = header == nullptr || header->mClosed ||
+              replay(recorder, *header, static_cast<char*>(map) + kTailHeaderSize);
+  if (map != MAP_FAILED) munmap(map, kTailFileSize);
+  if (done) unlink(path.c_str());
+}
+
+// Recovers every dead tail of process, oldest first (names carry their creation time), once a
+// rotation its death cut short is complete. A half-made tail (".tail.new") is removed.
+void recoverTails(VekLogRecorder& recorder, int process) {
+  LogTarget target = knownTarget(recorder, process);
+  std::string prefix = "." + target.mProcessName + ".veklog.";
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(target.mLogDir.c_str())) {
+    while (dirent* entry = readdir(dir)) {
+      std::string name = entry->d_name;
+      bool tail = name.size() > 5 && name.compare(name.size() - 5, 5, ".tail") == 0;
+      bool fresh = name.size() > 9 && name.compare(name.size() - 9, 9, ".tail.new") == 0;
+      if (name.compare(0, prefix.size(), prefix) == 0 && (tail || fresh)) names.push_back(name);
+    }
+    closedir(dir);
+  }
+  std::sort(names.begin(), names.end());
+  bool repaired = false;
+  // This process's own tail is skipped as a living one's is: its lock is held.
+  for (const std::string& name : names) recoverFile(recorder, target, name, &repaired);
+}
+
+}  // namespace
+
+void tailAppend(const char* line, size_t size) {
+  Tail& tail = *gTail;
+  TailHeader* header = tail.mHeader;
+  if (header == nullptr) return;
+  uint64_t head = header->mHead.load(std::memory_order_relaxed);
+  if (head + size - header->mTail.load(std::memory_order_acquire) > kTailCapacity) {
+    tail.mBatchLost += size;
+    header->mLostLogged.store(header->mLostLogged.load(std::memory_order_relaxed) + size,
+                              std::memory_order_relaxed);
+    return;
+  }
+  size_t offset = static_cast<size_t>(head % kTailCapacity);
+  size_t first = std::min(size, kTailCapacity - offset);
+  memcpy(tail.mRing + offset, line, first);
+  memcpy(tail.mRing, line + first, size - first);
+  header->mHead.store(head + size, std::memory_order_release);
+}
+
+TailSpan takeTailSpan() {
+  Tail& tail = *gTail;
+  if (tail.mHeader == nullptr) return TailSpan();
+  TailSpan span{tail.mHeader, tail.mHeader->mHead.load(std::memory_order_relaxed), tail.mBatchLost};
+  tail.mBatchStart = span.mEnd;
+  tail.mBatchLost = 0;
+  return span;
+}
+
+void tailWriting(const TailSpan& span, const struct stat& st) {
+  TailHeader* header = span.mHeader;
+  if (header == nullptr) return;
+  header->mFlightLost = span.mLost;
+  header->mFlightDev = static_cast<uint64_t>(st.st_dev);
+  header->mFlightIno = static_cast<uint64_t>(st.st_ino);
+  header->mFlightOffset = st.st_size;
+  header->mFlightEnd.store(span.mEnd, std::memory_order_release);
+}
+
+void tailDone(const TailSpan& span) {
+  TailHeader* header = span.mHeader;
+  if (header == nullptr) return;
+  header->mTail.store(span.mEnd, std::memory_order_release);
+  header->mLostDone.store(header->mLostDone.load(std::memory_order_relaxed) + span.mLost,
+                          std::memory_order_relaxed);
+  header->mFlightEnd.store(0, std::memory_order_release);
+  populate(header, kTailFileSize);
+}
+
+void attachTail(VekLogRecorder& recorder, int process) {
+  if (recorder.mRecordLevel == 0) return;  // nothing is ever recorded
+  bool make = false;
+  {
+    std::lock_guard<std::mutex> lock(recorder.mMutex);
+    Tail& tail = *gTail;
+    tail.mProcess = process;
+    if (tail.mHeader != nullptr) retarget(*tail.mHeader, process);
+    make = !tail.mTried;
+    tail.mTried = true;
+    tail.mRecover |= 1u << process;
+  }
+  if (make) openTail(recorder, process);
+  recorder.mCondition.notify_one();
+}
+
+std::function<void()> takeTailWork(VekLogRecorder& recorder) {
+  Tail& tail = *gTail;
+  if (tail.mReopen) {
+    tail.mReopen = false;
+    return [&recorder, process = tail.mProcess] { openTail(recorder, process); };
+  }
+  unsigned recover = tail.mRecover;
+  tail.mRecover = 0;
+  if (recover == 0) return nullptr;
+  return [&recorder, recover] {
+    for (int process = 0; recover >> process != 0; ++process) {
+      if (recover & (1u << process)) recoverTails(recorder, process);
+    }
+  };
+}
+
+void closeTail(bool unmap) {
+  Tail& tail = *gTail;
+  if (tail.mHeader == nullptr) return;
+  tail.mHeader->mClosed = 1;
+  unlink(tail.mPath.c_str());
+  if (unmap) {
+    munmap(tail.mHeader, kTailFileSize);
+    close(tail.mFd);
+  }
+  tail.mHeader = nullptr;
+}
+
+void dropTailInChild() {
+  Tail& tail = *gTail;
+  tail.mRecover = 0;
+  if (tail.mHeader == nullptr) return;
+  munmap(tail.mHeader, kTailFileSize);
+  close(tail.mFd);  // the lock stays with the parent's descriptor
+  tail.mHeader = nullptr;
+  tail.mReopen = true;
+}
+
+}  // namespace vek

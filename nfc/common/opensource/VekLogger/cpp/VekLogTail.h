@@ -1,0 +1,118 @@
+// The crash tail: a copy of every recorded line that is not yet in its log file, kept in a file
+// of the log directory mapped MAP_SHARED. Its pages belong to the page cache, not to the
+// process, so they outlive a process that dies without its destructor (kill -9, abort, a crash
+// on any thread, _exit). The next process to attach under the same name appends what was left,
+// in order and exactly once, before anything of its own.
+//
+// ".<log file>.<creation time>-<pid>.tail", 0640: a 4 KiB header, then a ring of kTailCapacity
+// bytes. Logging threads copy each line into the ring under mMutex, a plain memcpy into pages
+// made resident when it is set up; the writer moves the consumed mark past each batch once it
+// is appended. Before a batch is written, the header notes where it goes (the file's identity
+// and size), so that a death in the write neither loses nor repeats it. The file holds a lock
+// (flock) while its process lives: a tail whose lock can be taken is a dead process's.
+#pragma once
+
+#include <stdint.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+class VekLogRecorder;
+
+namespace vek {
+
+// Room for 25 batches: more text than the writer ever leaves pending but while it rotates or is
+// held up, and little memory for a process that lives for good (the mapping is resident).
+constexpr uint32_t kTailCapacity = 256 * 1024;
+constexpr size_t kTailHeaderSize = 4096;
+constexpr char kTailMagic[8] = {'V', 'E', 'K', 'T', 'A', 'I', 'L', '1'};
+constexpr int kTailTargets = 8;
+
+// From ring position mFrom on, lines go to the log file of the known process mProcess.
+struct TailTarget {
+  uint64_t mFrom;
+  int32_t mProcess;
+  int32_t mUnused;
+};
+
+// Positions count bytes since the tail was made; the ring holds [mTail, mHead).
+struct TailHeader {
+  char mMagic[8];
+  uint32_t mCapacity;
+  uint32_t mTargetCount;
+  std::atomic<uint64_t> mHead;        // bytes ever put in: logging threads, under mMutex
+  std::atomic<uint64_t> mTail;        // bytes ever consumed (appended or dropped): the writer
+  std::atomic<uint64_t> mLostLogged;  // bytes the ring had no room for: logging threads
+  std::atomic<uint64_t> mLostDone;    // of those, the ones whose batch is done: the writer
+  // The batch being appended, [mTail, mFlightEnd), and the file it goes to; 0: none.
+  std::atomic<uint64_t> mFlightEnd;
+  uint64_t mFlightLost;
+  uint64_t mFlightDev;
+  uint64_t mFlightIno;
+  int64_t mFlightOffset;
+  TailTarget mTargets[kTailTargets];
+  std::atomic<uint32_t> mClosed;  // the destructor ran: exit discards what is pending
+};
+static_assert(sizeof(TailHeader) <= kTailHeaderSize, "the header fits its page");
+
+// A batch's place in the tail, consumed when the batch is done. No header: not protected.
+struct TailSpan {
+  TailHeader* mHeader = nullptr;
+  uint64_t mEnd = 0;
+  uint64_t mLost = 0;  // bytes of the batch the ring had no room for
+};
+
+// Copies size bytes of the ring from position at into out.
+inline void copyFromRing(const char* ring, uint64_t at, size_t size, char* out) {
+  size_t offset = static_cast<size_t>(at % kTailCapacity);
+  size_t first = size < kTailCapacity - offset ? size : kTailCapacity - offset;
+  memcpy(out, ring + offset, first);
+  memcpy(out + first, ring, size - first);
+}
+
+// The known process the line at position at goes to.
+inline int targetAt(const TailHeader& header, uint64_t at) {
+  int process = -1;
+  for (uint32_t i = 0; i < header.mTargetCount && i < kTailTargets; ++i) {
+    if (header.mTargets[i].mFrom <= at) process = header.mTargets[i].mProcess;
+  }
+  return process;
+}
+
+// The header of a tail file's image, or null when the image is no tail of this layout.
+inline TailHeader* tailHeader(void* image, size_t size) {
+  auto* header = static_cast<TailHeader*>(image);
+  bool valid = size == kTailHeaderSize + kTailCapacity &&
+               memcmp(header->mMagic, kTailMagic, sizeof(kTailMagic)) == 0 &&
+               header->mCapacity == kTailCapacity && header->mTail <= header->mHead &&
+               header->mHead - header->mTail <= kTailCapacity;
+  return valid ? header : nullptr;
+}
+
+// Logging threads, under mMutex: a whole line goes into the ring, or counts as lost when the
+// ring has no room; at a hand-over of mBuffer, the batch takes what the ring holds of it.
+void tailAppend(const char* line, size_t size);
+TailSpan takeTailSpan();
+
+// The writer, for a batch it appends to the file st describes (its end is where the batch
+// goes), and once the batch is done, appended or dropped.
+void tailWriting(const TailSpan& span, const struct stat& st);
+void tailDone(const TailSpan& span);
+
+// attchProcess, with mMutex released, for one of the known processes: the first attachment
+// makes this process's tail; each has the writer recover what dead processes left under
+// that name before its next task.
+void attachTail(VekLogRecorder& recorder, int process);
+// Under mMutex: the writer's tail work (a recovery, a forked child's own tail), if any.
+std::function<void()> takeTailWork(VekLogRecorder& recorder);
+
+// The destructor: nothing is left to recover. The mapping goes only when nothing can use it.
+void closeTail(bool unmap);
+// A forked child never writes into its parent's tail; its writer makes one of its own.
+void dropTailInChild();
+
+}  // namespace vek
