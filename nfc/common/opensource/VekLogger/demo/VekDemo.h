@@ -10,7 +10,7 @@
 namespace vekdemo {
 
 constexpr int kProcesses = 4;
-constexpr int kMaxThreads = 16;
+constexpr int kMaxThreads = 16;  // twice the threads a process may have: one is restarted
 extern const char* const kProcessNames[kProcesses];
 
 struct Options {
@@ -22,9 +22,11 @@ struct Options {
   std::string mRoot;
 };
 
-// What a process reports while it runs; lives in memory shared with the parent.
+// What a process reports while it runs; lives in memory shared with the parent. The process
+// the demo kills and restarts counts its threads on, from mThreads.
 struct ProcessStats {
   std::atomic<pid_t> mPid;
+  std::atomic<pid_t> mKilledPid;
   std::atomic<long> mRotations;
   std::atomic<long> mBytesWritten;
   std::atomic<long> mErrors;
@@ -45,8 +47,8 @@ inline double mebibytes(double bytes) { return bytes / (1024 * 1024); }
 // The level of a thread's message number seq: info, debug, warning, error in turn.
 int levelOf(long seq);
 
-// Runs one demo process to its end; never returns.
-[[noreturn]] void runProcess(int index, const Options& options, Shared& shared);
+// Runs one demo process to its end, its threads numbered from firstThread; never returns.
+[[noreturn]] void runProcess(int index, int firstThread, const Options& options, Shared& shared);
 
 // Reads every archive and the active file of each process and checks them against the stats.
 // Prints the per-process report; returns false when any check fails.

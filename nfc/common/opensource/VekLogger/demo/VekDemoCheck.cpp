@@ -95,17 +95,18 @@ bool parseHeader(const std::string& line, long* pid) {
          memchr(tag, ' ', static_cast<size_t>(colon - tag)) == nullptr;
 }
 
-// Follows each thread's message numbers through the text, in file order.
+// Follows each thread's message numbers through the text, in file order. Lines carry the pid
+// of the process, or of the one the demo killed.
 struct LineCheck {
-  bool check(const std::string& text, pid_t pid) {
+  bool check(const std::string& text, const ProcessStats& stats) {
     size_t start = 0;
     for (size_t feed; (feed = text.find('\n', start)) != std::string::npos; start = feed + 1) {
       std::string line = text.substr(start, feed - start);
-      if (!checkLine(line, pid)) return false;
+      if (!checkLine(line, stats)) return false;
     }
     return fail(start == text.size(), "text after the last line feed");
   }
-  bool checkLine(const std::string& line, pid_t pid) {
+  bool checkLine(const std::string& line, const ProcessStats& stats) {
     long kernelSeq;
     if (sscanf(line.c_str(), "<6>[%*d.%*d] vekdev: klog#%ld#", &kernelSeq) == 1) {
       if (!fail(kernelSeq > mKernelSeq, "kernel log out of order: " + line)) return false;
@@ -115,7 +116,9 @@ struct LineCheck {
     }
     long linePid;
     if (!fail(parseHeader(line, &linePid), "malformed line: " + line)) return false;
-    if (!fail(linePid == pid, "wrong pid: " + line)) return false;
+    if (!fail(linePid == stats.mPid || linePid == stats.mKilledPid, "wrong pid: " + line)) {
+      return false;
+    }
     if (vekIsWaitLine(line)) return true;
     size_t at = line.find("demo#");
     int thread;
@@ -171,26 +174,30 @@ bool checkProcess(const Options& options, const Shared& shared, int index) {
   long recorded = 0;
   for (const Archive& archive : archives) {
     ok = lines.fail(archive.mValid, archive.mName + " does not decompress") && ok;
-    ok = ok && lines.check(archive.mText, stats.mPid);
+    ok = ok && lines.check(archive.mText, stats);
   }
-  ok = ok && lines.check(active, stats.mPid);
+  ok = ok && lines.check(active, stats);
   bool pruned = stats.mRotations > 5;
-  for (int t = 0; t < options.mThreads; ++t) {
+  int threads = options.mThreads * (stats.mKilledPid != 0 ? 2 : 1);
+  for (int t = 0; t < threads; ++t) {
     logged += stats.mLogged[t];
     recorded += stats.mRecorded[t];
-    long expected = lines.mLines[t] == 0
-                        ? 0
-                        : recordedBetween(lines.mFirstSeq[t], stats.mLogged[t] - 1, recordLevel);
+    // A thread killed in a log call may have left its line without counting it.
+    long last = std::max(stats.mLogged[t] - 1, lines.mLastSeq[t]);
+    ok = ok && lines.fail(lines.mLastSeq[t] <= stats.mLogged[t],
+                          "thread " + std::to_string(t) + ": a line never logged");
+    long expected =
+        lines.mLines[t] == 0 ? 0 : recordedBetween(lines.mFirstSeq[t], last, recordLevel);
     ok = ok && lines.fail(lines.mLines[t] == expected,
                           "thread " + std::to_string(t) + ": a line is missing");
-    ok = ok && lines.fail(pruned || lines.mLines[t] == stats.mRecorded[t],
+    ok = ok && lines.fail(pruned || lines.mLines[t] == recordedBetween(0, last, recordLevel),
                           "thread " + std::to_string(t) + ": lines lost without pruning");
   }
   ok = ok && lines.fail(stats.mErrors == 0, std::string("error: ") + stats.mFirstError);
   ok = ok && lines.fail(stats.mRotations >= options.mRotations, "too few rotations");
 
   long present = 0;
-  for (int t = 0; t < options.mThreads; ++t) present += lines.mLines[t];
+  for (int t = 0; t < threads; ++t) present += lines.mLines[t];
   printf("\n%s (pid %d): %ld messages logged, %ld recorded, %ld present (older ones pruned: %s)\n",
          name.c_str(), stats.mPid.load(), logged, recorded, present, pruned ? "yes" : "no");
   printf("  %.1f MiB written, %ld rotations, active file %.1f MiB",

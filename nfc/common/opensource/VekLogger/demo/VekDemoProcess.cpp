@@ -94,7 +94,7 @@ void feedKernelLog(const std::string& node, const std::atomic<bool>& stop) {
 
 }  // namespace
 
-void runProcess(int index, const Options& options, Shared& shared) {
+void runProcess(int index, int firstThread, const Options& options, Shared& shared) {
   gStats = &shared.mProcesses[index];
   gStats->mPid = getpid();
   __android_log_set_logger(platformLog);
@@ -114,7 +114,7 @@ void runProcess(int index, const Options& options, Shared& shared) {
   }
   std::vector<std::thread> threads;
   threads.reserve(static_cast<size_t>(options.mThreads));
-  for (int t = 0; t < options.mThreads; ++t) {
+  for (int t = firstThread; t < firstThread + options.mThreads; ++t) {
     threads.emplace_back(logMessages, t, std::cref(shared.mStop), recorder->getRecordLevel(),
                          std::max(1, options.mRate / options.mThreads));
   }

@@ -2,6 +2,7 @@
 // several threads until each has rotated its log file; then every file they left is checked.
 #include <fcntl.h>
 #include <getopt.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/mman.h>
@@ -9,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <new>
 #include <thread>
@@ -32,7 +34,7 @@ void usage(const char* program) {
           "  --rate N       messages per second per process (default 7000)\n"
           "  --levels PR    value of persist.vendor.vek.nfc.log (default 55)\n"
           "  --root DIR     VEK_LOG_ROOT to use (default: a new directory under /tmp)\n",
-          program, kMaxThreads);
+          program, kMaxThreads / 2);
   exit(2);
 }
 
@@ -70,7 +72,7 @@ Options parseOptions(int argc, char** argv) {
     }
   }
   if (optind != argc || options.mSeconds < 1 || options.mRotations < 0 || options.mThreads < 1 ||
-      options.mThreads > kMaxThreads || options.mRate < 1) {
+      options.mThreads > kMaxThreads / 2 || options.mRate < 1) {
     usage(argv[0]);
   }
   return options;
@@ -91,6 +93,20 @@ bool makeRoot(Options& options) {
   std::string node = options.mRoot + "/proc/vekdev/logger";
   unlink(node.c_str());
   return mkfifo(node.c_str(), 0600) == 0 && setenv("VEK_LOG_ROOT", options.mRoot.c_str(), 1) == 0;
+}
+
+// Midway, once it has rotated, the first process is killed with SIGKILL, as init stops a HAL,
+// and started again: what it logged before must still reach its files.
+void killAndRestartMidway(const Options& options, Shared& shared, pid_t* child) {
+  ProcessStats& stats = shared.mProcesses[0];
+  if (stats.mKilledPid != 0 || stats.mRotations < std::max(1, options.mRotations / 2)) return;
+  kill(*child, SIGKILL);
+  waitpid(*child, nullptr, 0);
+  stats.mKilledPid = stats.mPid.load();
+  printf("killed %s (pid %d) with SIGKILL, started it again\n", kProcessNames[0], *child);
+  fflush(stdout);  // not again from the child's copy
+  *child = fork();
+  if (*child == 0) runProcess(0, options.mThreads, options, shared);
 }
 
 bool everyProcessRotated(const Options& options, const Shared& shared) {
@@ -138,7 +154,7 @@ int main(int argc, char** argv) {
   pid_t children[kProcesses];
   for (int i = 0; i < kProcesses; ++i) {
     children[i] = fork();
-    if (children[i] == 0) runProcess(i, options, shared);
+    if (children[i] == 0) runProcess(i, 0, options, shared);
   }
   auto start = std::chrono::steady_clock::now();
   long elapsed = 0;
@@ -148,6 +164,7 @@ int main(int argc, char** argv) {
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start)
             .count();
     showProgress(shared, elapsed);
+    killAndRestartMidway(options, shared, &children[0]);
   }
   shared.mStop = true;
   bool exited = true;

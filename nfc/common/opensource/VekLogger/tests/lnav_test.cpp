@@ -3,12 +3,35 @@
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <thread>
 
 #include "VekLogTestEnv.h"
+
+// What a process that died left in its crash tail reads through vek_tail as lines of the log
+// format. First: the child must not inherit a recorder.
+TEST(Lnav, ReadsWhatADeadProcessLeftThroughVekTail) {
+  vektest::ScratchRoot root;
+  if (fork() == 0) {
+    VekLogRecorder::getInstance()->attchProcess("se_process");
+    for (int i = 0; i < 3; ++i) __vek_log_w("Tag", "left %d", i);
+    _exit(0);
+  }
+  wait(nullptr);
+  std::string lost = root.mRoot + "/lost.veklog";
+  vektest::runCommand(VEK_TAIL " '" + root.path("/data/vendor/secure_element/") +
+                      "'.se_process.veklog.*.tail > '" + lost + "'");
+  std::string home = "HOME='" + root.mRoot + "' ";
+  vektest::runCommand(home + LNAV " -i '" VEKLOG_FORMAT "'");
+  EXPECT_EQ("log_level,tag,log_body\nwarning,Tag,left 0\nwarning,Tag,left 1\nwarning,Tag,left 2\n",
+            vektest::runCommand(home +
+                                LNAV " -n -c ';SELECT log_level, tag, log_body FROM veklog' "
+                                     "-c ':write-csv-to -' '" +
+                                lost + "'"));
+}
 
 TEST(Lnav, ReadsArchivesAndActiveFilesOfTwoProcessesInTimeOrder) {
   static const char* const kLevels[] = {"fatal", "error", "warning", "info", "debug", "trace"};
