@@ -257,9 +257,9 @@ over the rounds. A per-call target is judged where every round rotated at least
 - baseline: {revs["baseline"]}
 - current: {revs["current"]}
 - per line: `__vek_log_i` in `vek_bench`, print threshold 0, at 2 threads the wall clock over
-  both threads' lines as in the per-line table; {len(perline["baseline"])} rounds
+  both threads' lines as in the per-line table; rounds: {len(perline["baseline"])}
 - per call: `vek_latency` while rotating, clock reads included, {calls:,} calls at each thread
-  count; {len(percall["baseline"])} rounds
+  count; rounds: {len(percall["baseline"])}
 
 {chr(10).join(table)}
 """
@@ -350,10 +350,10 @@ least {MIN_ROTATIONS} times:
 ## Resident memory of an idle process
 
 `vek_rss`, in the same run: each moment in a freshly exec'd process of its own, logging the
-benchmarks' line from one thread, recorded and not printed; spdlog's rotating logger does the same
-work (15 MiB, five files, flushed where the library flushes). After the work, once every line
-is on storage, the process idles 3 s, then reads `VmRSS` from `/proc/self/status`. MiB; in
-brackets the library's change from moment 2.
+benchmarks' line from one thread, recorded and not printed; spdlog's rotating logger does the
+same work (15 MiB, five files, flushed where the library flushes). After the work, once every
+line is on storage, the process idles 3 s, then reads `VmRSS` from `/proc/self/status`. MiB;
+in brackets the library's change from moment 2.
 
 {rss_table(vm_rss)}
 
