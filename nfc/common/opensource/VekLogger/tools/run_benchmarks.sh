@@ -66,9 +66,11 @@ bin=$build/nfc/common/opensource/VekLogger/benchmarks
 if [ -n "$baseline" ]; then
   rev=$(git -C "$here" rev-parse --verify "$baseline^{commit}")
   # The revision's tree, extracted again only when REV changes, so its build stays incremental.
+  # Its build starts over then: git archive dates each file to its commit, which can be older
+  # than the objects built from another revision.
   source=$build/baseline/source
   if [ "$(cat "$source/.rev" 2>/dev/null)" != "$rev" ]; then
-    rm -rf "$source"
+    rm -rf "$build/baseline"
     mkdir -p "$source"
     git -C "$top" archive "$rev" | tar -x -C "$source"
     echo "$rev" > "$source/.rev"
