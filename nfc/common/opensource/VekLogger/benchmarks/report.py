@@ -1,16 +1,21 @@
 #!/usr/bin/env python3
 """Turns one benchmark run into RESULTS.md, threads.png and latency.png: vek_bench's Google
-Benchmark JSON, the storage figures it printed, and vek_latency's JSON.
+Benchmark JSON, the storage figures it printed, vek_latency's JSON, vek_rss's lines and, after
+run_benchmarks.sh --baseline, the directory of the before-and-after runs (revs, and
+perline-SIDE-ROUND.json and latency-SIDE-ROUND.json for the sides baseline and current).
 
-    report.py BENCH_JSON STORAGE_TXT LATENCY_JSON OUT_DIR
+    report.py BENCH_JSON STORAGE_TXT LATENCY_JSON RSS_TXT OUT_DIR [AB_DIR]
 
 RESULTS.md is written whole; the reading of the figures is kept by hand in ANALYSIS.md."""
+import glob
 import json
 import re
 import subprocess
 import sys
+from statistics import median
 
-bench_json, storage_txt, latency_json, out_dir = sys.argv[1:5]
+bench_json, storage_txt, latency_json, rss_txt, out_dir = sys.argv[1:6]
+ab_dir = sys.argv[6] if len(sys.argv) > 6 else None
 run = json.load(open(bench_json))
 storage = open(storage_txt).read()
 latency = json.load(open(latency_json))
@@ -189,6 +194,112 @@ set key outside below center box vertical maxrows 3; set bmargin 8;
 plot {curves}
 """], check=True)
 
+
+def ab_load(kind):
+    """side -> the JSON of each round, from AB_DIR's KIND-SIDE-ROUND.json."""
+    loaded = {}
+    for path in sorted(glob.glob(f"{ab_dir}/{kind}-*-*.json")):
+        side = path.rsplit("/", 1)[1].split("-")[1]
+        loaded.setdefault(side, []).append(json.load(open(path)))
+    return loaded
+
+
+def ab_row(what, threads, base, cur, target="", met=""):
+    figures = f"{base:,.0f} | {cur:,.0f} | {cur / base:.3f}"
+    return f"| {what} | {threads} | {figures} | {target} | {met} |"
+
+
+def ab_per_line(perline):
+    rows = []
+    for threads in (1, 2):
+        base, cur = (median(1e9 / b["items_per_second"] for run in perline[side]
+                            for b in run["benchmarks"] if b["threads"] == threads)
+                     for side in ("baseline", "current"))
+        rows.append(ab_row("`__vek_log_i`, ns per line", threads, base, cur, "<= 1.05",
+                           verdict(cur <= 1.05 * base)))
+    return rows
+
+
+def ab_per_call(percall):
+    rows = []
+    for threads in (1, 2):
+        base, cur = ([r for run in percall[side] for r in run["runs"] if r["threads"] == threads]
+                     for side in ("baseline", "current"))
+        fewest = min(rotations(r) for r in base + cur)
+        for key in ("p50", "p99", "p99.9", "p99.99", "max"):
+            b, c = (median(r[key] for r in runs) for runs in (base, cur))
+            what = f"per call {key}, ns"
+            if key not in ("p99.9", "p99.99"):
+                rows.append(ab_row(what, threads, b, c))
+                continue
+            met = (verdict(c <= b) if fewest >= MIN_ROTATIONS
+                   else f"not judged: {fewest} rotations, too few calls")
+            rows.append(ab_row(what, threads, b, c, "<= 1.0", met))
+    return rows
+
+
+def before_after():
+    if ab_dir is None:
+        return ""
+    revs = dict(line.split(" ", 1) for line in open(f"{ab_dir}/revs").read().splitlines())
+    perline, percall = ab_load("perline"), ab_load("latency")
+    table = ["| figure | threads | baseline | current | current / baseline | target | met |",
+             "|---|---|---|---|---|---|---|"] + ab_per_line(perline) + ab_per_call(percall)
+    calls = percall["baseline"][0]["runs"][0]["calls"]
+    return f"""
+## Before and after
+
+The same benchmark programs, built a second time against the library as the baseline revision
+has it. The two builds ran alternately, taking turns to go first, and each figure is the median
+over the rounds. A per-call target is judged where every round rotated at least
+{MIN_ROTATIONS} times.
+
+- baseline: {revs["baseline"]}
+- current: {revs["current"]}
+- per line: `__vek_log_i` in `vek_bench`, print threshold 0, at 2 threads the wall clock over
+  both threads' lines as in the per-line table; rounds: {len(perline["baseline"])}
+- per call: `vek_latency` while rotating, clock reads included, {calls:,} calls at each thread
+  count; rounds: {len(percall["baseline"])}
+
+{chr(10).join(table)}
+"""
+
+
+MOMENTS = {
+    1: "1: before the first log call",
+    2: "2: attached, 1,000 lines logged and flushed",
+    3: "3: logged with a flush every 300 lines until the file rotated once",
+    4: "4: 200,000 lines logged at once",
+}
+RSS_LABELS = {"library": "library", "baseline": "library at the baseline",
+              "spdlog": "spdlog 1.10 rotating, synchronous"}
+rss = {}  # (name, moment) -> VmRSS, RssAnon, RssFile, RssShmem in MiB
+for m in re.finditer(r"^rss: (\S+) moment (\d): VmRSS (\d+) kB, RssAnon (\d+) kB, "
+                     r"RssFile (\d+) kB, RssShmem (\d+) kB$", open(rss_txt).read(), re.M):
+    rss[(m.group(1), int(m.group(2)))] = [int(kib) / 1024 for kib in m.groups()[2:]]
+rss_names = [name for name in RSS_LABELS if (name, 1) in rss]
+
+
+def vm_rss(name, figures, moment2):
+    if name == "spdlog":
+        return f"{figures[0]:.1f}"
+    return f"{figures[0]:.1f} ({figures[0] - moment2[0]:+.1f})"
+
+
+def rss_parts(name, figures, moment2):
+    return " / ".join(f"{mib:.1f}" for mib in figures[1:])
+
+
+def rss_table(show):
+    table = ["| moment | " + " | ".join(RSS_LABELS[n] for n in rss_names) + " |",
+             "|---" * (len(rss_names) + 1) + "|"]
+    for moment, label in MOMENTS.items():
+        cells = (show(n, rss[(n, moment)], rss[(n, 2)]) if (n, moment) in rss
+                 else "skipped (--quick)" for n in rss_names)
+        table.append(f"| {label} | " + " | ".join(cells) + " |")
+    return "\n".join(table)
+
+
 with open(f"{out_dir}/RESULTS.md", "w") as md:
     md.write(f"""# Benchmark results
 
@@ -235,6 +346,21 @@ least {MIN_ROTATIONS} times:
 {chr(10).join(latency_targets)}
 
 ![share of calls at least this slow, per logger and thread count](latency.png)
+{before_after()}
+## Resident memory of an idle process
+
+`vek_rss`, in the same run: each moment in a freshly exec'd process of its own, logging the
+benchmarks' line from one thread, recorded and not printed; spdlog's rotating logger does the
+same work (15 MiB, five files, flushed where the library flushes). After the work, once every
+line is on storage, the process idles 3 s, then reads `VmRSS` from `/proc/self/status`. MiB;
+in brackets the library's change from moment 2.
+
+{rss_table(vm_rss)}
+
+The same, split into `RssAnon` / `RssFile` / `RssShmem` (MiB): heap and stacks; mapped files,
+the program and its libraries first; shared memory.
+
+{rss_table(rss_parts)}
 
 ## Storage
 

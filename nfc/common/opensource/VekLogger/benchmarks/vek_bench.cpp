@@ -251,15 +251,20 @@ void peakRss() {
 
 int main(int argc, char** argv) {
   if (argc == 2 && strcmp(argv[1], "--log-million-lines") == 0) return logMillionLines();
+  // --no-storage, last: the benchmarks alone (run_benchmarks.sh --baseline runs them often).
+  const bool storage = argc < 2 || strcmp(argv[argc - 1], "--no-storage") != 0;
+  if (!storage) argv[--argc] = nullptr;
   setUp();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-  sustainedRate();
-  rotationAgainstGzip();
-  flushLatency();
-  peakRss();
+  if (storage) {
+    sustainedRate();
+    rotationAgainstGzip();
+    flushLatency();
+    peakRss();
+  }
   nftw(
       gRoot.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
       FTW_DEPTH | FTW_PHYS);

@@ -3,11 +3,12 @@
 // and the percentiles are taken over the calls of all threads of one run. A run of two clock
 // reads with nothing between them gives the clock's own share.
 //
-//   vek_latency [--calls N] [--out FILE]
+//   vek_latency [--calls N] [--out FILE] [--library-only]
 //
 // --calls: calls per logger and thread count, split evenly between the threads (default
 // 1200000: about 90 MiB of text, six rotations for each logger). --out: where the summary goes
-// as JSON, for report.py.
+// as JSON, for report.py. --library-only: __vek_log_i alone, at 1 and 2 threads (the runs that
+// run_benchmarks.sh --baseline alternates with a baseline's).
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android/log.h>
@@ -236,13 +237,16 @@ void removeTree(const std::string& root) {
 int main(int argc, char** argv) {
   int64_t calls = 1200000;
   const char* outPath = nullptr;
+  bool libraryOnly = false;
   for (int a = 1; a < argc; ++a) {
     if (strcmp(argv[a], "--calls") == 0 && a + 1 < argc) {
       calls = strtoll(argv[++a], nullptr, 10);
     } else if (strcmp(argv[a], "--out") == 0 && a + 1 < argc) {
       outPath = argv[++a];
+    } else if (strcmp(argv[a], "--library-only") == 0) {
+      libraryOnly = true;
     } else {
-      fprintf(stderr, "usage: %s [--calls N] [--out FILE]\n", argv[0]);
+      fprintf(stderr, "usage: %s [--calls N] [--out FILE] [--library-only]\n", argv[0]);
       return 2;
     }
   }
@@ -280,18 +284,22 @@ int main(int argc, char** argv) {
 
   std::vector<Run> runs;
   for (int threads : kThreadCounts) {
-    runs.push_back(summarize("clock", threads, measure(threads, calls, [](int64_t) {}), 0));
+    if (libraryOnly && threads > 2) break;
+    if (!libraryOnly) {
+      runs.push_back(summarize("clock", threads, measure(threads, calls, [](int64_t) {}), 0));
+    }
     runs.push_back(summarize("__vek_log_i", threads, measure(threads, calls, vekbench::vekLine),
                              vekLineBytes));
     // The writer catches up, rotation included, so that no run shares the CPUs with the
     // compression of the run before it.
     vekWaitForWriter(1000);
+    if (libraryOnly) continue;
     runs.push_back(
         summarize("spdlog", threads,
                   measure(threads, calls, [&](int64_t i) { vekbench::spdlogLine(*peer, i); }),
                   spdlogLineBytes));
   }
-  handOverBreakdown(VekLogRecorder::getInstance(), calls);
+  if (!libraryOnly) handOverBreakdown(VekLogRecorder::getInstance(), calls);
   spdlog::shutdown();
   removeTree(root);
   return outPath == nullptr || writeJson(outPath, runs) ? 0 : 1;
