@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "VekLogDiag.h"
+#include "VekLogPlatform.h"
 #include "VekLogTail.h"
 
 namespace vek {
@@ -21,6 +22,9 @@ namespace {
 constexpr std::chrono::seconds kExitWait(2);
 // Android's background priority (ANDROID_PRIORITY_BACKGROUND), for work no one waits on.
 constexpr int kWriterNice = 10;
+// Once it has worked and then had nothing to do for this long, the writer gives what the
+// batches of a burst and a rotation took back to the system: an idle process stays small.
+constexpr std::chrono::seconds kIdleBeforeRelease(1);
 
 template <typename Done>
 bool waitUntil(Done done) {
@@ -34,12 +38,19 @@ bool waitUntil(Done done) {
 
 // Takes the next task, or returns false once the writer is to stop. Work on the crash tail (a
 // recovery, which must come before anything newer) goes before the queue.
-bool takeTask(VekLogRecorder* recorder, std::function<void()>* task) {
+bool takeTask(VekLogRecorder* recorder, std::function<void()>* task, bool* worked) {
   std::unique_lock<std::mutex> lock(recorder->mMutex);
-  recorder->mCondition.wait(lock, [recorder, task] {
+  auto ready = [recorder, task] {
     *task = takeTailWork(*recorder);
     return recorder->mStopWriter || *task || !recorder->mTasks.empty();
-  });
+  };
+  if (*worked && !recorder->mCondition.wait_for(lock, kIdleBeforeRelease, ready)) {
+    lock.unlock();
+    releaseFreeMemory();
+    lock.lock();
+  }
+  *worked = true;
+  recorder->mCondition.wait(lock, ready);
   if (recorder->mStopWriter) return false;
   if (!*task) {
     *task = std::move(recorder->mTasks.front());
@@ -63,7 +74,8 @@ void writerLoop(VekLogRecorder* recorder) {
   VEK_DIAG(INFO) << "write buffer thread start!";
   if (!advance(recorder, kWriterStarting, kWriterIdle)) return;
   std::function<void()> task;
-  while (takeTask(recorder, &task)) {
+  bool worked = false;
+  while (takeTask(recorder, &task, &worked)) {
     task();
     task = nullptr;
     if (!advance(recorder, kWriterInTask, kWriterIdle)) return;

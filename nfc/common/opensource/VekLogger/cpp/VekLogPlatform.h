@@ -10,4 +10,7 @@ namespace vek {
 // Read anew on every call.
 std::string devicePath(const char* path);
 
+// Returns the allocator's free memory to the system (VekLogAllocator.cpp, by C library).
+void releaseFreeMemory();
+
 }  // namespace vek
