@@ -19,15 +19,48 @@
 // library creates no directories. Host builds prefix these paths with $VEK_LOG_ROOT.
 //
 // Choices this library makes where the platform leaves room:
-// - Lifecycle. The recorder lives in static storage until the process ends. Its destructor turns new callers away (mClosed), waits for those already inside
-//   a hand-over, stops the writer and joins it. A task that is running may finish for up to 2 s;
-//   a writer still busy then (a kernel log node that blocks, a slow rotation), or one that has
-//   not yet started, is left behind and never touches the recorder again, so exit is never
-//   held up for longer. Queued tasks and buffered text are discarded: flush with
-//   __vek_save_log_now() before a planned exit.
-//   A log call after the destructor (a static destructor, an atexit handler, another thread
-//   during exit) is printed and not recorded. No per-thread state has a destructor, so a
-//   thread_local object may log from its own destructor.
+// - Lifecycle. The recorder lives in static storage until the process ends; the library is
+//   linked never to be unloaded (-z nodelete), so dlclose leaves it, its recorder and its
+//   writer in place. The destructor turns new callers away (mClosed), waits for those already
+//   inside a hand-over, stops the writer and joins it. A task that is running may finish for
+//   up to 2 s; a writer still busy then (a kernel log node that blocks, a slow rotation), or one
+//   not yet started, is left behind and never touches the recorder again, so exit is never held
+//   up for longer. Queued tasks and buffered text are discarded, and the crash tail with them:
+//   flush with __vek_save_log_now() before a planned exit. A log call after the destructor (a
+//   static destructor, an atexit handler, another thread during exit) is printed and not
+//   recorded. No per-thread state has a destructor, so a thread_local object may log from its
+//   own destructor.
+// - Crash tail. Every recorded line is also copied into a file of the log directory, mapped
+//   MAP_SHARED, until its batch is appended: ".<log file>.<creation time>-<pid>.tail". Its
+//   pages belong to the page cache, so a process that dies without its destructor (kill -9,
+//   abort, a crash on any thread, _exit) leaves its pending lines there, and the next process
+//   to attach under the same name appends them before anything of its own, in order and once
+//   (a batch cut by the death resumes where the file ends), then removes the file. The copy
+//   is a memcpy under mMutex into pages made resident beforehand: no system call and no lock
+//   on the logging path. The ring holds 1 MiB, what the writer leaves pending while it
+//   compresses a full file (about a second) at the heaviest rate seen, 0.9 MiB/s; lines that
+//   find it full are not protected, and a recovery says how many bytes were lost, in a
+//   WARNING diagnostic and a W line of the log file. Cost: 1 MiB + 4 KiB of disk per living
+//   process, reserved before mapping so that a full disk never raises SIGBUS, and as much
+//   resident page cache. The file is 0640, close-on-exec, opened without following links,
+//   and holds a lock (flock) while its process lives: a locked tail is never recovered, so
+//   two processes under one name never take each other's lines. A forked child unmaps its
+//   parent's tail; its writer makes one of its own at its first batch (lines before that are
+//   not protected). Any failure to set it up leaves logging as it was, with one WARNING
+//   ("Failed to set up crash tail: <path>"). vek_tail (tools/) prints a tail's lines for a
+//   process that died and was not restarted.
+// - Rotation in steps: the archive is written as ".<log file>.gz.part", named once it is whole
+//   and synced, and the log file is first moved to "<log file>.rotating", removed last. The
+//   next rotation or attachment completes one that a death cut short, so no text is lost or
+//   archived twice and no cut archive is left. A rotation whose compression fails (a full disk)
+//   removes its part file and keeps the log file, so failing again and again costs at most the
+//   one archive pruned to make room. compressGzip() itself leaves a failed output as it is.
+// - Processes may log under one name at once: a forked child, or a restart while the old
+//   process still dies. The size check, the rotation and the append of each batch hold a POSIX
+//   record lock on ".<log file>.lock" (0640, kept open by the writer), so each full file is
+//   rotated once and no process removes a file another has just begun; an archive of another
+//   process in the same second takes _1. A process stopped while it holds the lock (a
+//   debugger) holds up the other's writer, never its logging threads.
 // - fork(): the child gets a working recorder: a fresh lock and condition variable, and its own
 //   writer, started by its first hand-over. The parent's queued and buffered text is the
 //   parent's to write; the child drops its copy, so no line is written twice. fork waits for a
@@ -48,15 +81,6 @@
 //   tries again, and drops its batch while no writer runs (a flush returns false at once), so
 //   memory stays bounded. The one function that starts the thread is built with exceptions,
 //   std::thread's only way to report the failure.
-// - The library is linked never to be unloaded (-z nodelete): dlclose leaves it mapped, its
-//   recorder and writer live on, and the recorder is destroyed at process exit only, so a
-//   writer left behind never runs code that is gone.
-// - Processes may log under one name at once: a forked child, or a restart while the old
-//   process still dies. The size check, the rotation and the append of each batch hold a POSIX
-//   record lock on "<log file>.lock" (0640, kept open by the writer), so each full file is
-//   rotated once, and no process removes a file another has just begun; archives of the same
-//   second by another process take _1. A process stopped while it holds the lock (a debugger)
-//   holds up the other's writer, never its logging threads.
 // - Re-attaching is safe while tasks run: a write task keeps the process name and paths that
 //   were current when it was queued.
 // - Negative levels are recorded (with an empty level letter) only while the record threshold
@@ -74,12 +98,15 @@
 //   true. To wait for those earlier batches as well, flush once, then log one line and flush
 //   it until a flush returns true: a line alone never completes a batch, so that flush always
 //   has one of its own to wait for.
-// - The writer runs at Android's background priority (nice 10), so that compressing yields
-//   the cores to the threads that log, and keeps its deflate state and its two 1 MiB chunks
-//   from one rotation to the next (about 2.3 MiB while the process lives) instead of mapping
-//   and unmapping them each time.
+// - Memory. The writer runs at Android's background priority (nice 10), so that compressing
+//   yields the cores to the threads that log. A rotation takes about 2.3 MiB (the deflate
+//   state and two 1 MiB chunks) and frees it when done; once the writer has had nothing to do
+//   for a second, it gives the allocator's free memory back to the system (glibc keeps it until
+//   malloc_trim; bionic's allocator returns it on its own schedule, M_PURGE at once), so an
+//   idle process holds what it held after its first lines, whatever it logged before.
 // - Files are created with mode 0640 and close-on-exec; an archive counts as made only once
-//   it has been synced and closed without error.
+//   it has been synced and closed without error. The library's own files in a log directory
+//   begin with a dot, so that lnav given the directory reads the logs alone.
 // - Another process shares each log directory, so files there are opened without following
 //   links and without waiting, and used only when they are regular files or directories (a
 //   directory fails as an ordinary failure does: opened to write it fails, read it fails at its
@@ -93,11 +120,6 @@
 //   _2 and so on, which sort right after the plain name, so retention, deleting in byte order,
 //   still deletes the older. (compressGzip() itself makes or replaces the file it is given,
 //   never through a link.)
-// - A rotation whose compression fails (a full disk) removes the archive it began and keeps
-//   the log file, so failing again and again costs at most the one archive pruned to make
-//   room. A compression that failed before it opened its output (no log file) began none, and
-//   the archive the last rotation made under the same name stays whole. compressGzip() itself
-//   leaves a failed output as it is.
 
 #pragma once
 
