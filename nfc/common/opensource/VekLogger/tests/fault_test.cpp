@@ -9,10 +9,8 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
 
 #include "VekLogTestEnv.h"
@@ -100,45 +98,6 @@ TEST_F(FaultTest, AppendFailsWhileTheFaultHoldsThenResumes) {
   ASSERT_EQ(0, truncate(log.c_str(), 0));
   EXPECT_TRUE(logAndFlush("two"));
   EXPECT_TRUE(inLog("two") && readFile(log).find('\0') == std::string::npos) << "a hole";
-}
-
-// Links to a private file at the names of this second and the next three, where a planted entry
-// or an archive from before the clock went back could stand: the rotation writes over none.
-TEST_F(FaultTest, RotationNeverWritesOverATakenArchiveName) {
-  time_t start = time(nullptr);
-  for (time_t t = start; t < start + 4; ++t) {
-    tm local;
-    char name[64];
-    strftime(name, sizeof(name), "nfc_process_%Y%m%d_%H%M%S.gz", localtime_r(&t, &local));
-    ASSERT_EQ(0, symlink(secret.c_str(), (dir + name).c_str()));
-  }
-  std::vector<std::string> planted = archives();
-  sparseLog(kLimit - 10);
-  ASSERT_TRUE(recorder->checkLogFileExceed(100));
-  bool inWindow = time(nullptr) <= start + 3;
-  std::vector<std::string> now = archives();
-  auto made = std::find_if(now.begin(), now.end(), [&](const std::string& name) {
-    return std::find(planted.begin(), planted.end(), name) == planted.end();
-  });
-  ASSERT_NE(now.end(), made);
-  EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + *made));
-  // Within the planted seconds the name was taken: "_1" is added, which sorts right after it.
-  std::string taken = made == now.begin() ? ".gz" : *std::prev(made);
-  EXPECT_TRUE(!inWindow || taken.substr(0, taken.size() - 3) + "_1.gz" == *made) << *made;
-  now.erase(made);
-  EXPECT_EQ(planted, now);
-
-  writeFile(dir + "in", "log text\n");
-  ASSERT_EQ(0, symlink(secret.c_str(), (dir + "link.gz").c_str()));
-  EXPECT_FALSE(recorder->compressGzip(dir + "in", dir + "link.gz"));
-  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR,
-                          "compressGzip: Failed to open outFile file: " + dir + "link.gz"));
-  EXPECT_EQ("private\n", readFile(secret));
-
-  // A directory as the input opens, and fails at its first read: the output is left empty.
-  EXPECT_FALSE(recorder->compressGzip(dir, dir + "in"));
-  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "compressGzip: Error reading input file."));
-  EXPECT_EQ("", readFile(dir + "in"));
 }
 
 // Failed rotations keep the log file, leave no cut archive and prune one old archive in all.

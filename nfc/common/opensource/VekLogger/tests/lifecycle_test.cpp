@@ -4,10 +4,8 @@
 // so every child starts without a recorder.
 #include <android-base/logging.h>
 #include <android-base/properties.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <link.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -215,25 +213,6 @@ TEST_F(Lifecycle, ForkedChildAndParentRotateOneFile) {
     for (int i = 0; i < 100; ++i)
       EXPECT_EQ(1u, countOf(text, side + std::to_string(i) + " p")) << side << i;
   }
-}
-
-// The library is never unloaded, so a writer the destructor leaves behind never runs code that
-// dlclose has unmapped.
-TEST(LibraryImage, IsNeverUnloaded) {
-  Dl_info library;
-  ASSERT_NE(0, dladdr(reinterpret_cast<void*>(&__vek_save_log_now), &library));
-  auto nodelete = [](dl_phdr_info* info, size_t, void* base) {
-    if (reinterpret_cast<void*>(info->dlpi_addr) != base) return 0;
-    for (int i = 0; i < info->dlpi_phnum; ++i) {
-      if (info->dlpi_phdr[i].p_type != PT_DYNAMIC) continue;
-      auto* entry = reinterpret_cast<ElfW(Dyn)*>(info->dlpi_addr + info->dlpi_phdr[i].p_vaddr);
-      for (; entry->d_tag != DT_NULL; ++entry) {
-        if (entry->d_tag == DT_FLAGS_1) return (entry->d_un.d_val & DF_1_NODELETE) ? 1 : 0;
-      }
-    }
-    return 0;
-  };
-  EXPECT_EQ(1, dl_iterate_phdr(nodelete, library.dli_fbase));
 }
 
 // No thread can be started (the process limit of an unprivileged user is 0): the process logs,

@@ -43,6 +43,10 @@ TEST_F(StorageTest, GzipRoundTripsThroughTheGzipProgram) {
   struct stat st;
   ASSERT_EQ(0, stat((dir + "new.gz").c_str(), &st));
   EXPECT_EQ(0640u, st.st_mode & 0777) << "never world-readable";
+  // A directory as the input opens, and fails at its first read: the output is left empty.
+  EXPECT_FALSE(recorder->compressGzip(dir, dir + "new.gz"));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "compressGzip: Error reading input file."));
+  EXPECT_EQ("", readFile(dir + "new.gz"));
 }
 
 // While five or more remain, the oldest by name goes: digits before letters, this process's
