@@ -149,7 +149,7 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
     }
     size_t before = recorder.mBuffer.size();
     appendLine(recorder.mBuffer, level, ids, lineTag, message.data() + start, stop - start);
-    tailAppend(recorder.mBuffer.data() + before, recorder.mBuffer.size() - before);
+    tailAppend(recorder, recorder.mBuffer.data() + before, recorder.mBuffer.size() - before);
     if (recorder.mBuffer.size() > recorder.mFlushThreshold) {
       recorder.sendBuffToWorker(std::move(recorder.mBuffer), nullptr);
     }

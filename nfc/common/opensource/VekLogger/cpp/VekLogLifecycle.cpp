@@ -167,5 +167,5 @@ VekLogRecorder::~VekLogRecorder() {
   mClosed = true;
   bool idle = vek::waitUntil([this] { return mUsers == 0; });
   bool stopped = !mWorker.joinable() || vek::stopWriter(*this);
-  vek::closeTail(idle && stopped);
+  vek::closeTail(*this, idle && stopped);
 }

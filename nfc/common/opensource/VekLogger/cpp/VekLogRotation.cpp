@@ -82,12 +82,11 @@ std::string partPath(const LogTarget& target) {
 
 std::string rotatingPath(const LogTarget& target) { return target.mLogFilePath + ".rotating"; }
 
-// Names the compressed part file as an archive. Only the rotation of the log file itself counts
-// as this process's last archive, which a rotation later in the same second replaces.
-bool publishArchive(const LogTarget& target, bool isLast) {
-  LastArchive& last = *gLastArchive;
-  time_t now = time(nullptr);
-  std::string archive = archivePath(target, last, now);
+// Names the compressed part file as an archive, named for the time the rotation began. Only
+// the rotation of the log file itself counts as this process's last archive, which a rotation
+// later in the same second replaces.
+bool publishArchive(const LogTarget& target, time_t began, bool isLast) {
+  std::string archive = archivePath(target, *gLastArchive, began);
   if (rename(partPath(target).c_str(), archive.c_str()) != 0) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open outFile file: %s",
                                                    "compressGzip", archive.c_str());
@@ -96,7 +95,7 @@ bool publishArchive(const LogTarget& target, bool isLast) {
   // The archive's name must reach storage before its text leaves the log file.
   android::base::unique_fd dir(open(target.mLogDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (dir != -1) fsync(dir);
-  if (isLast) *gLastArchive = LastArchive{archive, now, getpid()};
+  if (isLast) *gLastArchive = LastArchive{archive, began, getpid()};
   return true;
 }
 
@@ -106,6 +105,7 @@ bool publishArchive(const LogTarget& target, bool isLast) {
 // remove; on failure it is back where it was.
 bool archiveFile(const LogTarget& target, int input, const std::string& path, bool isLog,
                  std::string* left) {
+  time_t began = time(nullptr);
   android::base::unique_fd output = openGzipOutput(partPath(target));
   if (output == -1) return false;
   *left = path;
@@ -114,7 +114,7 @@ bool archiveFile(const LogTarget& target, int input, const std::string& path, bo
       rename(path.c_str(), rotatingPath(target).c_str()) == 0) {
     *left = rotatingPath(target);
   }
-  if (writeGzip(input, std::move(output)) && publishArchive(target, isLog)) return true;
+  if (writeGzip(input, std::move(output)) && publishArchive(target, began, isLog)) return true;
   // A cut part of the log file is removed, so that failing again and again (a full disk)
   // costs nothing more; a repair's stays, marking its text as still to be archived.
   if (*left != path) rename(left->c_str(), path.c_str());

@@ -28,9 +28,11 @@ namespace {
 
 constexpr size_t kTailFileSize = kTailHeaderSize + kTailCapacity;
 
-// This process's tail. Made when the library is loaded and never destroyed: a writer left
-// behind at exit may still use it. The fields below mHeader are guarded by mMutex.
+// This process's tail, of the first recorder to attach (the process's one; a recorder a test
+// makes beside it gets none). Made when the library is loaded and never destroyed: a writer
+// left behind at exit may still use it. The fields are guarded by the owner's mMutex.
 struct Tail {
+  const VekLogRecorder* mOwner = nullptr;
   TailHeader* mHeader = nullptr;  // null: lines are not protected
   char* mRing = nullptr;
   int mFd = -1;
@@ -85,7 +87,8 @@ bool makeTail(const VekLogRecorder& recorder, int process, Tail* tail) {
     header->mTargetCount = 1;
     memcpy(header->mMagic, kTailMagic, sizeof(kTailMagic));
     if (rename(fresh.c_str(), path.c_str()) == 0) {
-      *tail = Tail{header, static_cast<char*>(map) + kTailHeaderSize, fd.release(), path};
+      *tail =
+          Tail{&recorder, header, static_cast<char*>(map) + kTailHeaderSize, fd.release(), path};
       return true;
     }
     munmap(map, kTailFileSize);
@@ -220,10 +223,10 @@ void recoverTails(VekLogRecorder& recorder, int process) {
 
 }  // namespace
 
-void tailAppend(const char* line, size_t size) {
+void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size) {
   Tail& tail = *gTail;
   TailHeader* header = tail.mHeader;
-  if (header == nullptr) return;
+  if (header == nullptr || tail.mOwner != &recorder) return;
   uint64_t head = header->mHead.load(std::memory_order_relaxed);
   if (head + size - header->mTail.load(std::memory_order_acquire) > kTailCapacity) {
     tail.mBatchLost += size;
@@ -238,9 +241,9 @@ void tailAppend(const char* line, size_t size) {
   header->mHead.store(head + size, std::memory_order_release);
 }
 
-TailSpan takeTailSpan() {
+TailSpan takeTailSpan(const VekLogRecorder& recorder) {
   Tail& tail = *gTail;
-  if (tail.mHeader == nullptr) return TailSpan();
+  if (tail.mHeader == nullptr || tail.mOwner != &recorder) return TailSpan();
   TailSpan span{tail.mHeader, tail.mHeader->mHead.load(std::memory_order_relaxed), tail.mBatchLost};
   tail.mBatchStart = span.mEnd;
   tail.mBatchLost = 0;
@@ -273,6 +276,8 @@ void attachTail(VekLogRecorder& recorder, int process) {
   {
     std::lock_guard<std::mutex> lock(recorder.mMutex);
     Tail& tail = *gTail;
+    if (tail.mOwner == nullptr) tail.mOwner = &recorder;
+    if (tail.mOwner != &recorder) return;
     tail.mProcess = process;
     if (tail.mHeader != nullptr) retarget(*tail.mHeader, process);
     make = !tail.mTried;
@@ -285,6 +290,7 @@ void attachTail(VekLogRecorder& recorder, int process) {
 
 std::function<void()> takeTailWork(VekLogRecorder& recorder) {
   Tail& tail = *gTail;
+  if (tail.mOwner != &recorder) return nullptr;
   if (tail.mReopen) {
     tail.mReopen = false;
     return [&recorder, process = tail.mProcess] { openTail(recorder, process); };
@@ -299,9 +305,9 @@ std::function<void()> takeTailWork(VekLogRecorder& recorder) {
   };
 }
 
-void closeTail(bool unmap) {
+void closeTail(const VekLogRecorder& recorder, bool unmap) {
   Tail& tail = *gTail;
-  if (tail.mHeader == nullptr) return;
+  if (tail.mHeader == nullptr || tail.mOwner != &recorder) return;
   tail.mHeader->mClosed = 1;
   unlink(tail.mPath.c_str());
   if (unmap) {

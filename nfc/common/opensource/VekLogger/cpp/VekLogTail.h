@@ -96,8 +96,8 @@ inline TailHeader* tailHeader(void* image, size_t size) {
 
 // Logging threads, under mMutex: a whole line goes into the ring, or counts as lost when the
 // ring has no room; at a hand-over of mBuffer, the batch takes what the ring holds of it.
-void tailAppend(const char* line, size_t size);
-TailSpan takeTailSpan();
+void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size);
+TailSpan takeTailSpan(const VekLogRecorder& recorder);
 
 // The writer, for a batch it appends to the file st describes (its end is where the batch
 // goes), and once the batch is done, appended or dropped.
@@ -112,7 +112,7 @@ void attachTail(VekLogRecorder& recorder, int process);
 std::function<void()> takeTailWork(VekLogRecorder& recorder);
 
 // The destructor: nothing is left to recover. The mapping goes only when nothing can use it.
-void closeTail(bool unmap);
+void closeTail(const VekLogRecorder& recorder, bool unmap);
 // A forked child never writes into its parent's tail; its writer makes one of its own.
 void dropTailInChild();
 

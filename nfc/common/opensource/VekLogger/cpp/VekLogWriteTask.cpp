@@ -118,7 +118,7 @@ bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
     return false;
   }
   // Only the recorder's own buffer has its lines in the crash tail.
-  TailSpan span = &buff == &recorder.mBuffer ? takeTailSpan() : TailSpan();
+  TailSpan span = &buff == &recorder.mBuffer ? takeTailSpan(recorder) : TailSpan();
   recorder.mTasks.emplace_back([target = currentTarget(recorder), text = std::move(buff),
                                 promise = std::move(promise), announced, span]() mutable {
     if (announced.valid()) announced.wait();
