@@ -167,18 +167,23 @@ bool checkLogFileExceed(const LogTarget& target, int size) {
 
 void repairRotation(const LogTarget& target) {
   struct stat st;
-  bool cut = lstat(partPath(target).c_str(), &st) == 0;
-  if (cut) unlink(partPath(target).c_str());
+  std::string part = partPath(target);
   std::string rotating = rotatingPath(target);
-  if (lstat(rotating.c_str(), &st) != 0) return;
+  bool cut = lstat(part.c_str(), &st) == 0;
+  if (lstat(rotating.c_str(), &st) != 0) {
+    if (cut) unlink(part.c_str());  // nothing had begun
+    return;
+  }
   if (!cut) {
     unlink(rotating.c_str());  // its archive was made
     return;
   }
-  // The text goes back to the log file, or into an archive of its own when a new log file
-  // has begun meanwhile. Should that fail too, both files stay for the next repair.
+  // The compression was cut. The text goes back to the log file, or into an archive of its own
+  // when a new log file has begun meanwhile; should that fail, both files stay for the next
+  // repair. The part file goes last: alone, the rotating one would count as archived.
   if (lstat(target.mLogFilePath.c_str(), &st) != 0 &&
       rename(rotating.c_str(), target.mLogFilePath.c_str()) == 0) {
+    unlink(part.c_str());
     return;
   }
   android::base::unique_fd input = openLogDirFile(rotating, O_RDONLY);

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <mutex>
 
 #include "VekLogDiag.h"
@@ -27,6 +28,8 @@ namespace vek {
 namespace {
 
 constexpr size_t kTailFileSize = kTailHeaderSize + kTailCapacity;
+// How often the writer makes the ring's pages writable again: the kernel's writeback interval.
+constexpr std::chrono::seconds kPopulateEvery(5);
 
 // This process's tail, of the first recorder to attach (the process's one; a recorder a test
 // makes beside it gets none). Made when the library is loaded and never destroyed: a writer
@@ -43,11 +46,13 @@ struct Tail {
   unsigned mRecover = 0;     // known processes whose dead tails the writer is to recover
   uint64_t mBatchStart = 0;  // where mBuffer's lines begin in the ring
   uint64_t mBatchLost = 0;   // bytes of mBuffer the ring had no room for
+  uint64_t mHead = 0;        // the header's mHead, which only the owner writes
+  uint64_t mRoomEnd = 0;     // the ring may be filled up to here: consumed mark + capacity
 };
 Tail* const gTail = new Tail;
 
 // Makes every page of the mapping resident and writable, so that no logging thread faults on
-// it; pages the kernel has since written back are made writable again after each batch.
+// it.
 void populate(void* map, size_t size) { madvise(map, size, MADV_POPULATE_WRITE); }
 
 // Notes that from the current batch on, lines go to process.
@@ -112,6 +117,8 @@ void openTail(VekLogRecorder& recorder, int process) {
   tail.mFd = made.mFd;
   tail.mPath = made.mPath;
   tail.mBatchStart = 0;
+  tail.mHead = 0;
+  tail.mRoomEnd = kTailCapacity;
   tail.mBatchLost = recorder.mBuffer.size();
   tail.mHeader->mLostLogged = tail.mBatchLost;
   retarget(*tail.mHeader, tail.mProcess);
@@ -227,8 +234,12 @@ void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size) {
   Tail& tail = *gTail;
   TailHeader* header = tail.mHeader;
   if (header == nullptr || tail.mOwner != &recorder) return;
-  uint64_t head = header->mHead.load(std::memory_order_relaxed);
-  if (head + size - header->mTail.load(std::memory_order_acquire) > kTailCapacity) {
+  uint64_t head = tail.mHead;
+  // The consumed mark, which the writer moves, is read only when the room seen last is used up.
+  if (head + size > tail.mRoomEnd) {
+    tail.mRoomEnd = header->mTail.load(std::memory_order_acquire) + kTailCapacity;
+  }
+  if (head + size > tail.mRoomEnd) {
     tail.mBatchLost += size;
     header->mLostLogged.store(header->mLostLogged.load(std::memory_order_relaxed) + size,
                               std::memory_order_relaxed);
@@ -238,13 +249,14 @@ void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size) {
   size_t first = std::min(size, kTailCapacity - offset);
   memcpy(tail.mRing + offset, line, first);
   memcpy(tail.mRing, line + first, size - first);
-  header->mHead.store(head + size, std::memory_order_release);
+  tail.mHead = head + size;
+  header->mHead.store(tail.mHead, std::memory_order_release);
 }
 
 TailSpan takeTailSpan(const VekLogRecorder& recorder) {
   Tail& tail = *gTail;
   if (tail.mHeader == nullptr || tail.mOwner != &recorder) return TailSpan();
-  TailSpan span{tail.mHeader, tail.mHeader->mHead.load(std::memory_order_relaxed), tail.mBatchLost};
+  TailSpan span{tail.mHeader, tail.mHead, tail.mBatchLost};
   tail.mBatchStart = span.mEnd;
   tail.mBatchLost = 0;
   return span;
@@ -267,7 +279,15 @@ void tailDone(const TailSpan& span) {
   header->mLostDone.store(header->mLostDone.load(std::memory_order_relaxed) + span.mLost,
                           std::memory_order_relaxed);
   header->mFlightEnd.store(0, std::memory_order_release);
-  populate(header, kTailFileSize);
+  // The kernel write-protects a page it writes back, some seconds after it was dirtied. Made
+  // writable again as often, no logging thread meets the fault; more often would cost the
+  // writer more than its batch.
+  thread_local std::chrono::steady_clock::time_point tNextPopulate;
+  auto now = std::chrono::steady_clock::now();
+  if (now >= tNextPopulate) {
+    populate(header, kTailFileSize);
+    tNextPopulate = now + kPopulateEvery;
+  }
 }
 
 void attachTail(VekLogRecorder& recorder, int process) {
