@@ -122,13 +122,7 @@ BENCHMARK(BM_Glog)->Threads(1)->Threads(2)->UseRealTime();
 void dropEntry(const __android_logger_data*, const char*) {}
 
 void setUp() {
-  char root[] = "/tmp/vek_bench.XXXXXX";
-  gRoot = mkdtemp(root);
-  for (const char* dir : {"/data", "/data/vendor", "/data/vendor/nfc", "/peers"}) {
-    mkdir((gRoot + dir).c_str(), 0755);
-  }
-  setenv("VEK_LOG_ROOT", gRoot.c_str(), 1);
-  __android_log_set_logger(dropEntry);
+  gRoot = vekbench::scratchRoot("vek_bench");
   android::base::SetProperty("persist.vendor.vek.nfc.log", "55");
   gRecorder = VekLogRecorder::getInstance();
   gRecorder->attchProcess("nfc_process");
@@ -265,8 +259,6 @@ int main(int argc, char** argv) {
     flushLatency();
     peakRss();
   }
-  nftw(
-      gRoot.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
-      FTW_DEPTH | FTW_PHYS);
+  vekbench::removeTree(gRoot);
   return 0;
 }

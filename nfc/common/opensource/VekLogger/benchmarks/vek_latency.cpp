@@ -138,8 +138,6 @@ size_t oneLineBytes(const std::string& path) {
   return text.size();
 }
 
-void dropEntry(const __android_logger_data*, const char*) {}
-
 std::string spread(std::vector<int64_t>& sorted) {
   std::sort(sorted.begin(), sorted.end());
   char text[96];
@@ -226,12 +224,6 @@ bool writeJson(const char* path, const std::vector<Run>& runs) {
   return fclose(out) == 0;
 }
 
-void removeTree(const std::string& root) {
-  nftw(
-      root.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
-      FTW_DEPTH | FTW_PHYS);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -255,14 +247,8 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  char rootTemplate[] = "/tmp/vek_latency.XXXXXX";
-  const std::string root = mkdtemp(rootTemplate);
-  for (const char* dir : {"/data", "/data/vendor", "/data/vendor/nfc", "/peers"}) {
-    mkdir((root + dir).c_str(), 0755);
-  }
-  setenv("VEK_LOG_ROOT", root.c_str(), 1);
+  const std::string root = vekbench::scratchRoot("vek_latency");
   // Recorded, not printed: the figure compared with spdlog's, which prints nothing either.
-  __android_log_set_logger(dropEntry);
   android::base::SetProperty("persist.vendor.vek.nfc.log", "05");
   VekLogRecorder::getInstance()->attchProcess("nfc_process");
   const std::string spdlogPath = root + "/peers/spdlog_sync.log";
@@ -301,6 +287,6 @@ int main(int argc, char** argv) {
   }
   if (!libraryOnly) handOverBreakdown(VekLogRecorder::getInstance(), calls);
   spdlog::shutdown();
-  removeTree(root);
+  vekbench::removeTree(root);
   return outPath == nullptr || writeJson(outPath, runs) ? 0 : 1;
 }

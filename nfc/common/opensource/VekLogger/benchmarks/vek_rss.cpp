@@ -98,24 +98,14 @@ long statusKib(const std::string& status, const char* field) {
   return at == std::string::npos ? -1 : strtol(status.c_str() + at + strlen(field), nullptr, 10);
 }
 
-void dropEntry(const __android_logger_data*, const char*) {}
-
 int scenario(const std::string& name, int moment) {
-  char rootTemplate[] = "/tmp/vek_rss.XXXXXX";
-  const std::string root = mkdtemp(rootTemplate);
-  for (const char* dir : {"/data", "/data/vendor", "/data/vendor/nfc", "/peers"}) {
-    mkdir((root + dir).c_str(), 0755);
-  }
-  setenv("VEK_LOG_ROOT", root.c_str(), 1);
-  __android_log_set_logger(dropEntry);
+  const std::string root = vekbench::scratchRoot("vek_rss");
   android::base::SetProperty("persist.vendor.vek.nfc.log", "05");
   const bool done =
       name == "spdlog" ? play(Spdlog{root, nullptr}, moment) : play(Library{root}, moment);
   std::string status;
   android::base::ReadFileToString("/proc/self/status", &status);
-  nftw(
-      root.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
-      FTW_DEPTH | FTW_PHYS);
+  vekbench::removeTree(root);
   if (!done) {
     fprintf(stderr, "vek_rss: %s could not do moment %d\n", name.c_str(), moment);
     return 1;
