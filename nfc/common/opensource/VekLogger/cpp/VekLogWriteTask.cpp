@@ -107,7 +107,8 @@ void runWriteTask(const LogTarget& target, std::vector<char>& buff,
 }
 
 bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
-              std::shared_ptr<std::promise<int>> promise, std::shared_future<void> announced) {
+              std::shared_ptr<std::promise<int>> promise,
+              const std::shared_future<void>& announced) {
   if (buff.empty()) {
     VEK_DIAG(WARNING) << "writting invalid buffer";
     return false;

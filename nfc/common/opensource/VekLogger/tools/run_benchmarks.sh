@@ -32,7 +32,7 @@ baseline=
 bench_options=(--benchmark_min_time=0.5 --benchmark_repetitions=8)
 # The before-and-after runs: rounds of each build, and the options of one round.
 rounds=8
-latency_rounds=3
+latency_rounds=7
 ab_options=(--benchmark_min_time=0.5)
 rss_options=()
 while [ $# -gt 0 ]; do
