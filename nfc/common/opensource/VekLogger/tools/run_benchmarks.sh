@@ -16,7 +16,7 @@
 #             programs, and compares: __vek_log_i per line and its per-call latency at 1 and 2
 #             threads, the two builds run alternately, and vek_rss for REV.
 # A full run takes about 2.5 minutes on the 2-core machine, once installed and built (vek_rss's
-# idle processes take 20 s of it); --baseline adds about a minute and a half, and the first
+# idle processes take 20 s of it); --baseline brings it to about four and a half, and the first
 # build of REV.
 #
 # RESULTS.md is written whole by each run. The reason for each target it marks not met, and
