@@ -104,9 +104,10 @@ TEST_F(StorageTest, RotatesAboveTheLimitKeepingFiveArchives) {
     ASSERT_EQ(0, truncate(log.c_str(), kLimit - 10));
     EXPECT_TRUE(recorder->checkLogFileExceed(11));
   };
+  time_t second = time(nullptr);  // the second the archive is named for, when it stays that
   rotate("second\n");
-  time_t second = time(nullptr);
-  if (second == before) {
+  bool named = time(nullptr) == second;
+  if (time(nullptr) == before) {
     EXPECT_EQ((std::vector<std::string>{archive(3), archive(4), archive(5), kept[4]}), archives());
   }
   std::string last = archives().back();
@@ -120,7 +121,7 @@ TEST_F(StorageTest, RotatesAboveTheLimitKeepingFiveArchives) {
   setenv("TZ", zone, 1);
   tzset();
   rotate("third\n");
-  if (time(nullptr) == now) {
+  if (named && time(nullptr) == now) {
     EXPECT_EQ(last.substr(0, last.size() - 3) + "_1.gz", archives().back());
   }
   EXPECT_EQ("second\n", vektest::gunzip(dir + last).substr(0, 7));
