@@ -112,9 +112,9 @@ constexpr bool kForkAlone = true;
 constexpr bool kForkAlone = false;
 #endif
 
-// ThreadSanitizer holds its own locks through each fork, and its exit waits for a gap between
-// forks: back to back, the forks would starve it.
-#ifdef VEK_TSAN_FORK_GAP
+// ThreadSanitizer and qemu-user hold locks of their own through each fork, which their exit
+// waits for: back to back, the forks would starve it.
+#ifdef VEK_FORK_GAP
 constexpr useconds_t kForkGapMicros = 5000;
 #else
 constexpr useconds_t kForkGapMicros = 0;
