@@ -216,7 +216,8 @@ class VEK_EXPORT VekLogRecorder {
   std::deque<std::function<void()>> mTasks;
   // Set under mMutex by the destructor; the writer leaves its loop when it sees it.
   bool mStopWriter;
-  // Set by a forked child whose parent had a writer: its first hand-over starts its own.
+  // No writer runs though one should (a forked child's, or one the system refused to start):
+  // the next hand-over starts one.
   bool mRestartWriter;
   // Read and written without mMutex. The storage outlives the destructor, so late callers
   // still find mClosed set and leave without touching anything else.
