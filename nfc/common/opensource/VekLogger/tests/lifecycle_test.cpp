@@ -186,8 +186,8 @@ TEST_F(Lifecycle, ExitWhileAnotherThreadForks) {
 // each line of both is stored once, and no archive is made twice.
 TEST_F(Lifecycle, ForkedChildAndParentRotateOneFile) {
   EXPECT_EQ("exit 0", statusOf([] {
-              attach();
               VekLogRecorder::getInstance()->mMaxFileSize = 128 * 1024;  // one rotation
+              attach();
               if (kForkAlone && !vekWaitForWriter(10)) return 1;
               pid_t child = fork();
               std::string pad(1000, 'p');
