@@ -40,8 +40,9 @@ bool waitUntil(Done done) {
 // recovery, which must come before anything newer) goes before the queue.
 bool takeTask(VekLogRecorder* recorder, std::function<void()>* task, bool* worked) {
   std::unique_lock<std::mutex> lock(recorder->mMutex);
+  // Tail work taken by one wait is kept through the next.
   auto ready = [recorder, task] {
-    *task = takeTailWork(*recorder);
+    if (!*task) *task = takeTailWork(*recorder);
     return recorder->mStopWriter || *task || !recorder->mTasks.empty();
   };
   if (*worked && !recorder->mCondition.wait_for(lock, kIdleBeforeRelease, ready)) {

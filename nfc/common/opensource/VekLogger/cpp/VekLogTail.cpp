@@ -3,9 +3,12 @@
 
 #include <android-base/unique_fd.h>
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
+#include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <time.h>
@@ -30,6 +33,10 @@ namespace {
 constexpr size_t kTailFileSize = kTailHeaderSize + kTailCapacity;
 // How often the writer makes the ring's pages writable again: the kernel's writeback interval.
 constexpr std::chrono::seconds kPopulateEvery(5);
+// A set-up that failed is tried again at the first batch this long after the failure, the wait
+// doubling with each failure up to 64 s.
+constexpr std::chrono::seconds kRetryFirst(1);
+constexpr int kRetryDoublings = 6;
 
 // This process's tail, of the first recorder to attach (the process's one; a recorder a test
 // makes beside it gets none). Made when the library is loaded and never destroyed: a writer
@@ -40,9 +47,11 @@ struct Tail {
   char* mRing = nullptr;
   int mFd = -1;
   std::string mPath;
-  bool mTried = false;       // made or failed once: a process tries once
-  bool mReopen = false;      // a forked child's writer makes a tail of its own
-  int mProcess = -1;         // the known process lines now go to
+  bool mWanted = false;  // attached under a known name: the process is to have a tail
+  bool mMaking = false;  // a thread is setting one up, with mMutex released
+  int mFailures = 0;     // set-ups failed; the first one says so
+  std::chrono::steady_clock::time_point mNextTry;  // no set-up is tried before
+  int mProcess = -1;                               // the known process lines now go to
   unsigned mRecover = 0;     // known processes whose dead tails the writer is to recover
   uint64_t mBatchStart = 0;  // where mBuffer's lines begin in the ring
   uint64_t mBatchLost = 0;   // bytes of mBuffer the ring had no room for
@@ -77,11 +86,18 @@ bool makeTail(const VekLogRecorder& recorder, int process, Tail* tail) {
   snprintf(suffix, sizeof(suffix), ".%016" PRIx64 "-%d.tail",
            static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec),
            getpid());
-  std::string path = privatePath(knownTarget(recorder, process).mLogFilePath, suffix);
+  tail->mPath = privatePath(knownTarget(recorder, process).mLogFilePath, suffix);
+  const std::string& path = tail->mPath;
   std::string fresh = path + ".new";
   android::base::unique_fd fd = openLogDirFile(fresh, O_RDWR | O_CREAT | O_EXCL, 0640);
   void* map = MAP_FAILED;
-  if (fd != -1 && flock(fd, LOCK_EX | LOCK_NB) == 0 && posix_fallocate(fd, 0, kTailFileSize) == 0) {
+  int reserved = EBADF;
+  // posix_fallocate returns its error; a signal may interrupt a large reservation.
+  if (fd != -1 && TEMP_FAILURE_RETRY(flock(fd, LOCK_EX | LOCK_NB)) == 0) {
+    while ((reserved = posix_fallocate(fd, 0, kTailFileSize)) == EINTR) {
+    }
+  }
+  if (reserved == 0) {
     map = mmap(nullptr, kTailFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   }
   if (map != MAP_FAILED) {
@@ -92,36 +108,61 @@ bool makeTail(const VekLogRecorder& recorder, int process, Tail* tail) {
     header->mTargetCount = 1;
     memcpy(header->mMagic, kTailMagic, sizeof(kTailMagic));
     if (rename(fresh.c_str(), path.c_str()) == 0) {
-      *tail =
-          Tail{&recorder, header, static_cast<char*>(map) + kTailHeaderSize, fd.release(), path};
+      tail->mHeader = header;
+      tail->mRing = static_cast<char*>(map) + kTailHeaderSize;
+      tail->mFd = fd.release();
       return true;
     }
     munmap(map, kTailFileSize);
   }
   if (fd != -1) unlink(fresh.c_str());
-  VEK_DIAG(WARNING) << "Failed to set up crash tail: " << path;
   return false;
 }
 
-// Makes the tail (I/O with mMutex released) and puts it in place. Lines already in mBuffer
-// count as lost: the ring never held them.
+// Under mMutex: whether a set-up of the tail is due now, which the caller then makes.
+bool beginSetUp(Tail& tail) {
+  if (!tail.mWanted || tail.mHeader != nullptr || tail.mMaking ||
+      std::chrono::steady_clock::now() < tail.mNextTry) {
+    return false;
+  }
+  tail.mMaking = true;
+  return true;
+}
+
+// Makes the tail (I/O with mMutex released) and puts it in place, with the lines mBuffer holds
+// already; or notes when to try again.
 void openTail(VekLogRecorder& recorder, int process) {
   Tail made;
   bool ok = makeTail(recorder, process, &made);
-  std::lock_guard<std::mutex> lock(recorder.mMutex);
-  Tail& tail = *gTail;
-  tail.mTried = true;
-  if (!ok || recorder.mClosed) return;
-  tail.mHeader = made.mHeader;
-  tail.mRing = made.mRing;
-  tail.mFd = made.mFd;
-  tail.mPath = made.mPath;
-  tail.mBatchStart = 0;
-  tail.mHead = 0;
-  tail.mRoomEnd = kTailCapacity;
-  tail.mBatchLost = recorder.mBuffer.size();
-  tail.mHeader->mLostLogged = tail.mBatchLost;
-  retarget(*tail.mHeader, tail.mProcess);
+  bool first = false;
+  {
+    std::lock_guard<std::mutex> lock(recorder.mMutex);
+    Tail& tail = *gTail;
+    tail.mMaking = false;
+    if (!ok) {
+      first = tail.mFailures == 0;
+      tail.mNextTry = std::chrono::steady_clock::now() +
+                      kRetryFirst * (1 << std::min(tail.mFailures, kRetryDoublings));
+      ++tail.mFailures;
+    } else if (!recorder.mClosed) {
+      tail.mHeader = made.mHeader;
+      tail.mRing = made.mRing;
+      tail.mFd = made.mFd;
+      tail.mPath = made.mPath;
+      tail.mBatchStart = 0;
+      tail.mHead = 0;
+      tail.mRoomEnd = kTailCapacity;
+      tail.mBatchLost = 0;
+      retarget(*tail.mHeader, tail.mProcess);
+      if (!recorder.mBuffer.empty()) {
+        tailAppend(recorder, recorder.mBuffer.data(), recorder.mBuffer.size());
+      }
+    }
+  }
+  // Once per process: a failure that lasts would otherwise say so at every try.
+  if (first) {
+    VEK_DIAG(WARNING) << "Failed to set up crash tail: " << made.mPath;
+  }
 }
 
 // How much of the batch a death cut short, [mTail, mFlightEnd), is in its file: a batch is
@@ -184,18 +225,12 @@ bool replay(VekLogRecorder& recorder, TailHeader& header, const char* ring) {
 }
 
 // Recovers the tail name in target's directory unless its process lives (it holds the lock),
-// and removes it. The first dead one first completes a rotation its death may have cut short.
-void recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::string& name,
-                 bool* repaired) {
+// and removes it.
+void recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::string& name) {
   std::string path = target.mLogDir + name;
   struct stat st;
   android::base::unique_fd fd = openLogDirFile(path, O_RDWR, 0, &st);
   if (fd == -1 || flock(fd, LOCK_EX | LOCK_NB) != 0) return;
-  if (!*repaired) {
-    LogFileLock lock(target.mLogFilePath);
-    repairRotation(target);
-    *repaired = true;
-  }
   void* map = MAP_FAILED;
   if (static_cast<uint64_t>(st.st_size) == kTailFileSize) {
     map = mmap(nullptr, kTailFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -207,10 +242,23 @@ void recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::s
   if (done) unlink(path.c_str());
 }
 
-// Recovers every dead tail of process, oldest first (names carry their creation time), once a
-// rotation its death cut short is complete. A half-made tail (".tail.new") is removed.
+// A half-made tail (".tail.new") is unlocked for a moment after it is created: it is left alone
+// while the process named in it may live (this one included).
+bool madeByLivingProcess(const std::string& name) {
+  size_t dash = name.rfind('-');
+  long pid = dash == std::string::npos ? 0 : strtol(name.c_str() + dash + 1, nullptr, 10);
+  return pid > 0 && pid <= INT32_MAX && (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH);
+}
+
+// Completes a rotation that a death cut short, whether or not the dead process left a tail,
+// then recovers every dead tail of process, oldest first (names carry their creation time).
+// A half-made tail of a dead process is removed.
 void recoverTails(VekLogRecorder& recorder, int process) {
   LogTarget target = knownTarget(recorder, process);
+  {
+    LogFileLock lock(target.mLogFilePath);
+    repairRotation(target);
+  }
   std::string prefix = "." + target.mProcessName + ".veklog.";
   std::vector<std::string> names;
   if (DIR* dir = opendir(target.mLogDir.c_str())) {
@@ -218,14 +266,16 @@ void recoverTails(VekLogRecorder& recorder, int process) {
       std::string name = entry->d_name;
       bool tail = name.size() > 5 && name.compare(name.size() - 5, 5, ".tail") == 0;
       bool fresh = name.size() > 9 && name.compare(name.size() - 9, 9, ".tail.new") == 0;
-      if (name.compare(0, prefix.size(), prefix) == 0 && (tail || fresh)) names.push_back(name);
+      if (name.compare(0, prefix.size(), prefix) == 0 &&
+          (tail || (fresh && !madeByLivingProcess(name)))) {
+        names.push_back(name);
+      }
     }
     closedir(dir);
   }
   std::sort(names.begin(), names.end());
-  bool repaired = false;
   // This process's own tail is skipped as a living one's is: its lock is held.
-  for (const std::string& name : names) recoverFile(recorder, target, name, &repaired);
+  for (const std::string& name : names) recoverFile(recorder, target, name);
 }
 
 }  // namespace
@@ -300,8 +350,8 @@ void attachTail(VekLogRecorder& recorder, int process) {
     if (tail.mOwner != &recorder) return;
     tail.mProcess = process;
     if (tail.mHeader != nullptr) retarget(*tail.mHeader, process);
-    make = !tail.mTried;
-    tail.mTried = true;
+    tail.mWanted = true;
+    make = beginSetUp(tail);
     tail.mRecover |= 1u << process;
   }
   if (make) openTail(recorder, process);
@@ -311,8 +361,7 @@ void attachTail(VekLogRecorder& recorder, int process) {
 std::function<void()> takeTailWork(VekLogRecorder& recorder) {
   Tail& tail = *gTail;
   if (tail.mOwner != &recorder) return nullptr;
-  if (tail.mReopen) {
-    tail.mReopen = false;
+  if (beginSetUp(tail)) {
     return [&recorder, process = tail.mProcess] { openTail(recorder, process); };
   }
   unsigned recover = tail.mRecover;
@@ -340,11 +389,13 @@ void closeTail(const VekLogRecorder& recorder, bool unmap) {
 void dropTailInChild() {
   Tail& tail = *gTail;
   tail.mRecover = 0;
+  tail.mMaking = false;  // the thread that was making one stayed in the parent
+  tail.mFailures = 0;
+  tail.mNextTry = {};
   if (tail.mHeader == nullptr) return;
   munmap(tail.mHeader, kTailFileSize);
   close(tail.mFd);  // the lock stays with the parent's descriptor
   tail.mHeader = nullptr;
-  tail.mReopen = true;
 }
 
 }  // namespace vek

@@ -46,15 +46,17 @@
 //   and holds a lock (flock) while its process lives: a locked tail is never recovered, so
 //   two processes under one name never take each other's lines. A forked child unmaps its
 //   parent's tail; its writer makes one of its own at its first batch (lines before that are
-//   not protected). Any failure to set it up leaves logging as it was, with one WARNING
-//   ("Failed to set up crash tail: <path>"). vek_tail (tools/) prints a tail's lines for a
-//   process that died and was not restarted.
+//   not protected). A failure to set it up leaves logging as it was, with one WARNING per
+//   process ("Failed to set up crash tail: <path>"); the writer tries again at the first batch
+//   1 s after a failure, the wait doubling with each failure up to 64 s. vek_tail (tools/)
+//   prints a tail's lines for a process that died and was not restarted.
 // - Rotation in steps: the archive is written as ".<log file>.gz.part", named once it is whole
 //   and synced, and the log file is first moved to "<log file>.rotating", removed last. The
-//   next rotation or attachment completes one that a death cut short, so no text is lost or
-//   archived twice and no cut archive is left. A rotation whose compression fails (a full disk)
-//   removes its part file and keeps the log file, so failing again and again costs at most the
-//   one archive pruned to make room. compressGzip() itself leaves a failed output as it is.
+//   next rotation, or every attachment before its first append (a tail left or none),
+//   completes one that a death cut short, so no text is lost or archived twice and no cut
+//   archive is left. A rotation whose compression fails (a full disk) removes its part file
+//   and keeps the log file, so failing again and again costs at most the one archive pruned to
+//   make room. compressGzip() itself leaves a failed output as it is.
 // - Processes may log under one name at once: a forked child, or a restart while the old
 //   process still dies. The size check, the rotation and the append of each batch hold a POSIX
 //   record lock on ".<log file>.lock" (0640, kept open by the writer), so each full file is

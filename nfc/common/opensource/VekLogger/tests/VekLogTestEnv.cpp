@@ -94,11 +94,12 @@ void writeFile(const std::string& path, const std::string& content) {
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-std::vector<std::string> listDir(const std::string& dir) {
+std::vector<std::string> listDir(const std::string& dir, bool hidden) {
   std::vector<std::string> names;
   std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir.c_str()), closedir);
   while (dirent* entry = d ? readdir(d.get()) : nullptr) {
-    if (entry->d_name[0] != '.') names.push_back(entry->d_name);
+    std::string name = entry->d_name;
+    if (name != "." && name != ".." && (hidden || name[0] != '.')) names.push_back(name);
   }
   std::sort(names.begin(), names.end());
   return names;

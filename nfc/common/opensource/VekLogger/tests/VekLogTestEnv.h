@@ -65,7 +65,8 @@ std::string logText(size_t bytes);  // log-like text, not trivially compressible
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
-std::vector<std::string> listDir(const std::string& dir);   // sorted, without . and ..
+// Sorted; the library's own files (a dot first) only with hidden.
+std::vector<std::string> listDir(const std::string& dir, bool hidden = false);
 std::vector<std::string> archives(const std::string& dir);  // "nfc_process"'s, sorted
 // Decompresses with the gzip program, as a field engineer would.
 std::string gunzip(const std::string& path);
