@@ -99,11 +99,11 @@ bool closeArchive(int fd) {
 
 }  // namespace
 
-android::base::unique_fd openGzipOutput(const std::string& out) {
+android::base::unique_fd openGzipOutput(const std::string& out, const std::string& archive) {
   android::base::unique_fd output = openLogDirFile(out, O_WRONLY | O_CREAT | O_TRUNC, 0640);
   if (output == -1) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open outFile file: %s",
-                                                   "compressGzip", out.c_str());
+                                                   "compressGzip", archive.c_str());
   }
   return output;
 }
@@ -124,7 +124,7 @@ bool compressGzip(const std::string& in, const std::string& out) {
                                                    "compressGzip", in.c_str());
     return false;
   }
-  android::base::unique_fd output = openGzipOutput(out);
+  android::base::unique_fd output = openGzipOutput(out, out);
   return output != -1 && writeGzip(input, std::move(output));
 }
 

@@ -12,6 +12,11 @@
 // (repairRotation): part and .rotating both: the compression was cut, the text goes back
 // or into an archive again; part alone: nothing had begun; .rotating alone: its archive
 // is made. So no text is lost or archived twice, and no cut archive is ever named as one.
+// Until a repair succeeds no rotation begins, so nothing ever replaces a .rotating file.
+//
+// Another process shares the directory. Whatever else stands at the part file's or the
+// .rotating file's name is removed; a non-empty directory at the part file's name is stepped
+// around: the archive is then written under its own name, in one step, the log file in place.
 #include <android-base/unique_fd.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -60,14 +65,16 @@ std::string archiveName(const LogTarget& target, time_t now) {
   return target.mLogDir + "/" + target.mProcessName + "_" + stamp + ".gz";
 }
 
-// The archive name for now. A rotation later in the same second takes the name of the one
-// before it and replaces it. Any other entry with that name (an archive from before the clock
-// went back, or one planted there) is kept: the first free of <stamp>_1.gz, <stamp>_2.gz, ...
-// is taken instead. These sort right after the plain name ('.' < '_'), so byte order stays age
-// order; with retention leaving four entries at most, the number stays one digit.
-std::string archivePath(const LogTarget& target, const LastArchive& last, time_t now) {
+// The archive name for now. A rotation of the log file (mayReplace) later in the same second
+// takes the name of the one before it and replaces it. Any other entry with that name (an
+// archive from before the clock went back, or one planted there) is kept: the first free of
+// <stamp>_1.gz, <stamp>_2.gz, ... is taken instead. These sort right after the plain name
+// ('.' < '_'), so byte order stays age order; with retention leaving four entries at most, the
+// number stays one digit.
+std::string archivePath(const LogTarget& target, time_t now, bool mayReplace) {
+  const LastArchive& last = *gLastArchive;
   std::string plain = archiveName(target, now);
-  bool sameSecond = now == last.mSecond && last.mPid == getpid();
+  bool sameSecond = mayReplace && now == last.mSecond && last.mPid == getpid();
   std::string path = plain;
   struct stat st;
   for (int n = 1; !(sameSecond && path == last.mPath) && lstat(path.c_str(), &st) == 0; ++n) {
@@ -82,14 +89,24 @@ std::string partPath(const LogTarget& target) {
 
 std::string rotatingPath(const LogTarget& target) { return target.mLogFilePath + ".rotating"; }
 
-// Names the compressed part file as an archive, named for the time the rotation began. Only
-// the rotation of the log file itself counts as this process's last archive, which a rotation
-// later in the same second replaces.
-bool publishArchive(const LogTarget& target, time_t began, bool isLast) {
-  std::string archive = archivePath(target, *gLastArchive, began);
-  if (rename(partPath(target).c_str(), archive.c_str()) != 0) {
-    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open outFile file: %s",
-                                                   "compressGzip", archive.c_str());
+// Removes the entry at one of the library's own names, whatever it is; false when something
+// stays there (a non-empty directory). With regularToo false, a regular file stays.
+bool clearEntry(const std::string& path, bool regularToo) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0 || (S_ISREG(st.st_mode) && !regularToo)) return true;
+  return (S_ISDIR(st.st_mode) ? rmdir(path.c_str()) : unlink(path.c_str())) == 0;
+}
+
+bool clearForeign(const std::string& path) { return clearEntry(path, false); }
+
+// Names the compressed file written (the part file, or the archive itself) as the archive,
+// named for the time the rotation began. Only the rotation of the log file itself counts as
+// this process's last archive, which a rotation later in the same second replaces.
+bool publishArchive(const LogTarget& target, const std::string& written, const std::string& archive,
+                    time_t began, bool isLast) {
+  if (written != archive && rename(written.c_str(), archive.c_str()) != 0) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to name archive: %s", "compressGzip",
+                                                   archive.c_str());
     return false;
   }
   // The archive's name must reach storage before its text leaves the log file.
@@ -106,19 +123,24 @@ bool publishArchive(const LogTarget& target, time_t began, bool isLast) {
 bool archiveFile(const LogTarget& target, int input, const std::string& path, bool isLog,
                  std::string* left) {
   time_t began = time(nullptr);
-  android::base::unique_fd output = openGzipOutput(partPath(target));
+  std::string archive = archivePath(target, began, isLog);
+  bool staged = clearForeign(partPath(target));
+  std::string written = staged ? partPath(target) : archive;
+  android::base::unique_fd output = openGzipOutput(written, archive);
   if (output == -1) return false;
   *left = path;
   struct stat st;
-  if (isLog && fstat(input, &st) == 0 && S_ISREG(st.st_mode) &&
+  if (staged && isLog && fstat(input, &st) == 0 && S_ISREG(st.st_mode) &&
+      clearForeign(rotatingPath(target)) &&
       rename(path.c_str(), rotatingPath(target).c_str()) == 0) {
     *left = rotatingPath(target);
   }
-  if (writeGzip(input, std::move(output)) && publishArchive(target, began, isLog)) return true;
-  // A cut part of the log file is removed, so that failing again and again (a full disk)
-  // costs nothing more; a repair's stays, marking its text as still to be archived.
+  if (writeGzip(input, std::move(output)) && publishArchive(target, written, archive, began, isLog))
+    return true;
+  // A cut archive of the log file is removed, so that failing again and again (a full disk)
+  // costs nothing more; a repair's part file stays, marking its text as still to be archived.
   if (*left != path) rename(left->c_str(), path.c_str());
-  if (isLog) unlink(partPath(target).c_str());
+  if (isLog) unlink(written.c_str());
   return false;
 }
 
@@ -142,7 +164,11 @@ bool checkLogFileExceed(const LogTarget& target, int size) {
   if (static_cast<uint64_t>(total) <= target.mMaxFileSize) return true;
 
   VEK_DIAG(INFO) << "fileSize is full: " << total;
-  repairRotation(target);
+  if (!repairRotation(target)) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to repairRotation!",
+                                                   "checkLogFileExceed");
+    return false;
+  }
   if (!manageCompressFiles(target)) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to manageCompressFiles!",
                                                    "checkLogFileExceed");
@@ -165,30 +191,42 @@ bool checkLogFileExceed(const LogTarget& target, int size) {
   return true;
 }
 
-void repairRotation(const LogTarget& target) {
+bool repairRotation(const LogTarget& target) {
   struct stat st;
   std::string part = partPath(target);
   std::string rotating = rotatingPath(target);
+  // Anything at the part file's name marks a cut compression: at worst its text is archived
+  // twice, never lost.
   bool cut = lstat(part.c_str(), &st) == 0;
-  if (lstat(rotating.c_str(), &st) != 0) {
-    if (cut) unlink(part.c_str());  // nothing had begun
-    return;
+  if (!clearForeign(rotating) || lstat(rotating.c_str(), &st) != 0) {
+    if (cut) clearEntry(part, true);  // nothing had begun
+    return true;
   }
   if (!cut) {
     unlink(rotating.c_str());  // its archive was made
-    return;
+    return true;
   }
   // The compression was cut. The text goes back to the log file, or into an archive of its own
-  // when a new log file has begun meanwhile; should that fail, both files stay for the next
-  // repair. The part file goes last: alone, the rotating one would count as archived.
+  // (pruned for, as a rotation's) when a new log file has begun meanwhile; should that fail,
+  // both files stay for the next repair. The part file goes last: alone, the rotating one
+  // would count as archived.
   if (lstat(target.mLogFilePath.c_str(), &st) != 0 &&
       rename(rotating.c_str(), target.mLogFilePath.c_str()) == 0) {
-    unlink(part.c_str());
-    return;
+    clearEntry(part, true);
+    return true;
   }
   android::base::unique_fd input = openLogDirFile(rotating, O_RDONLY);
   std::string left;
-  if (input != -1 && archiveFile(target, input, rotating, false, &left)) unlink(rotating.c_str());
+  if (input == -1) {
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to open input file: %s",
+                                                   "compressGzip", rotating.c_str());
+    return false;
+  }
+  if (!manageCompressFiles(target) || !archiveFile(target, input, rotating, false, &left)) {
+    return false;
+  }
+  unlink(rotating.c_str());
+  return true;
 }
 
 std::string getCompressedLogFile(const LogTarget& target) {

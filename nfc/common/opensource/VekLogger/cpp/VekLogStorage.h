@@ -30,8 +30,7 @@ struct LogTarget {
 // The recorder's attachment as it stands; the caller keeps it from changing meanwhile.
 LogTarget currentTarget(const VekLogRecorder& recorder);
 
-// The known processes, in the order attchProcess compares them, and the log file of each.
-constexpr int kKnownProcesses = 4;
+// The known processes (kKnownProcesses), and the log file of each.
 int knownProcess(const std::string& name);  // -1 for any other name
 const char* knownName(int process);
 LogTarget knownTarget(const VekLogRecorder& recorder, int process);
@@ -64,15 +63,17 @@ struct LogFileLock {
 };
 
 bool checkLogFileExceed(const LogTarget& target, int size);
-// Completes a rotation that a process's death cut short (see VekLogRotation.cpp). The caller
-// holds the log file's lock.
-void repairRotation(const LogTarget& target);
+// Completes a rotation that a process's death cut short (see VekLogRotation.cpp); false,
+// reported, when it could not, and the text it would move stays where it is. The caller holds
+// the log file's lock.
+bool repairRotation(const LogTarget& target);
 std::string getCompressedLogFile(const LogTarget& target);
 bool manageCompressFiles(const LogTarget& target);
 bool compressGzip(const std::string& in, const std::string& out);
-// compressGzip's two halves: opens out for a new gzip file (made or replaced), then compresses
-// the open file input into it, syncs and closes it. Each reports its failures as compressGzip.
-android::base::unique_fd openGzipOutput(const std::string& out);
+// compressGzip's two halves: opens out for a new gzip file (made or replaced), to become the
+// file archive, then compresses the open file input into it, syncs and closes it. Each
+// reports its failures as compressGzip, naming archive.
+android::base::unique_fd openGzipOutput(const std::string& out, const std::string& archive);
 bool writeGzip(int input, android::base::unique_fd output);
 
 // Opens path, an entry of a log directory that another process shares, with flags plus

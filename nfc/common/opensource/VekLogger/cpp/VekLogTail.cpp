@@ -165,120 +165,13 @@ void openTail(VekLogRecorder& recorder, int process) {
   }
 }
 
-// How much of the batch a death cut short, [mTail, mFlightEnd), is in its file: a batch is
-// written with one write, which a fatal signal can cut between pages. A file gone or replaced
-// since was archived after the write. With lines of the batch the ring lacked, only whether
-// the write began can be told.
-uint64_t writtenOfFlight(const TailHeader& header, const char* ring, const LogTarget& target) {
-  uint64_t size = header.mFlightEnd - header.mTail;
-  struct stat st;
-  android::base::unique_fd fd = openLogDirFile(target.mLogFilePath, O_RDONLY, 0, &st);
-  if (fd == -1 || static_cast<uint64_t>(st.st_dev) != header.mFlightDev ||
-      static_cast<uint64_t>(st.st_ino) != header.mFlightIno) {
-    return size;
-  }
-  if (header.mFlightLost != 0) return st.st_size > header.mFlightOffset ? size : 0;
-  std::vector<char> file(size);
-  std::vector<char> batch(size);
-  ssize_t got = pread(fd, file.data(), size, header.mFlightOffset);
-  copyFromRing(ring, header.mTail, size, batch.data());
-  uint64_t same = 0;
-  while (got > 0 && same < static_cast<uint64_t>(got) && file[same] == batch[same]) ++same;
-  return same;
-}
+}  // namespace
 
-// Appends what a dead process's tail holds to the log files its lines were meant for, one
-// target's run of lines at a time, each noted before it is written as the writer notes its
-// batches: a recovery cut short by another death goes on where it stopped. False when a run
-// could not be appended: the tail stays for a later attachment.
-bool replay(VekLogRecorder& recorder, TailHeader& header, const char* ring) {
-  if (header.mFlightEnd != 0) {
-    LogTarget target = knownTarget(recorder, targetAt(header, header.mTail));
-    header.mTail = header.mTail + writtenOfFlight(header, ring, target);
-    header.mLostDone = header.mLostDone + header.mFlightLost;
-    header.mFlightEnd = 0;
-  }
-  while (header.mTail < header.mHead) {
-    uint64_t from = header.mTail;
-    uint64_t to = header.mHead;
-    for (uint32_t i = 0; i < header.mTargetCount && i < kTailTargets; ++i) {
-      if (header.mTargets[i].mFrom > from) to = std::min<uint64_t>(to, header.mTargets[i].mFrom);
-    }
-    int process = targetAt(header, from);
-    if (process < 0 || process >= kKnownProcesses) return true;  // no target: nothing to do
-    std::vector<char> text(to - from);
-    copyFromRing(ring, from, text.size(), text.data());
-    TailSpan span{&header, to, 0};
-    if (!appendBatch(knownTarget(recorder, process), text, span)) return false;
-    tailDone(span);
-  }
-  uint64_t lost = header.mLostLogged - header.mLostDone;
-  if (lost == 0) return true;
-  VEK_DIAG(WARNING) << "crash tail: " << lost << " bytes logged before a death were lost";
-  int process = targetAt(header, header.mTail);
-  std::string note = std::to_string(lost) + " bytes logged before a death were lost";
-  std::vector<char> line = formatLine(VEK_LEVEL_WARNING, knownName(process), note);
-  TailSpan none;
-  if (!appendBatch(knownTarget(recorder, process), line, none)) return false;
-  header.mLostDone = header.mLostLogged.load();
+bool saveNotes(const TailSpan& span) {
+  if (span.mFd == -1) return false;
+  TEMP_FAILURE_RETRY(pwrite(span.mFd, span.mHeader, sizeof(TailHeader), 0));
   return true;
 }
-
-// Recovers the tail name in target's directory unless its process lives (it holds the lock),
-// and removes it.
-void recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::string& name) {
-  std::string path = target.mLogDir + name;
-  struct stat st;
-  android::base::unique_fd fd = openLogDirFile(path, O_RDWR, 0, &st);
-  if (fd == -1 || flock(fd, LOCK_EX | LOCK_NB) != 0) return;
-  void* map = MAP_FAILED;
-  if (static_cast<uint64_t>(st.st_size) == kTailFileSize) {
-    map = mmap(nullptr, kTailFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  }
-  TailHeader* header = map == MAP_FAILED ? nullptr : tailHeader(map, kTailFileSize);
-  bool done = header == nullptr || header->mClosed ||
-              replay(recorder, *header, static_cast<char*>(map) + kTailHeaderSize);
-  if (map != MAP_FAILED) munmap(map, kTailFileSize);
-  if (done) unlink(path.c_str());
-}
-
-// A half-made tail (".tail.new") is unlocked for a moment after it is created: it is left alone
-// while the process named in it may live (this one included).
-bool madeByLivingProcess(const std::string& name) {
-  size_t dash = name.rfind('-');
-  long pid = dash == std::string::npos ? 0 : strtol(name.c_str() + dash + 1, nullptr, 10);
-  return pid > 0 && pid <= INT32_MAX && (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH);
-}
-
-// Completes a rotation that a death cut short, whether or not the dead process left a tail,
-// then recovers every dead tail of process, oldest first (names carry their creation time).
-// A half-made tail of a dead process is removed.
-void recoverTails(VekLogRecorder& recorder, int process) {
-  LogTarget target = knownTarget(recorder, process);
-  {
-    LogFileLock lock(target.mLogFilePath);
-    repairRotation(target);
-  }
-  std::string prefix = "." + target.mProcessName + ".veklog.";
-  std::vector<std::string> names;
-  if (DIR* dir = opendir(target.mLogDir.c_str())) {
-    while (dirent* entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      bool tail = name.size() > 5 && name.compare(name.size() - 5, 5, ".tail") == 0;
-      bool fresh = name.size() > 9 && name.compare(name.size() - 9, 9, ".tail.new") == 0;
-      if (name.compare(0, prefix.size(), prefix) == 0 &&
-          (tail || (fresh && !madeByLivingProcess(name)))) {
-        names.push_back(name);
-      }
-    }
-    closedir(dir);
-  }
-  std::sort(names.begin(), names.end());
-  // This process's own tail is skipped as a living one's is: its lock is held.
-  for (const std::string& name : names) recoverFile(recorder, target, name);
-}
-
-}  // namespace
 
 void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size) {
   Tail& tail = *gTail;
@@ -320,6 +213,7 @@ void tailWriting(const TailSpan& span, const struct stat& st) {
   header->mFlightIno = static_cast<uint64_t>(st.st_ino);
   header->mFlightOffset = st.st_size;
   header->mFlightEnd.store(span.mEnd, std::memory_order_release);
+  saveNotes(span);
 }
 
 void tailDone(const TailSpan& span) {
@@ -329,6 +223,7 @@ void tailDone(const TailSpan& span) {
   header->mLostDone.store(header->mLostDone.load(std::memory_order_relaxed) + span.mLost,
                           std::memory_order_relaxed);
   header->mFlightEnd.store(0, std::memory_order_release);
+  if (saveNotes(span)) return;
   // The kernel write-protects a page it writes back, some seconds after it was dirtied. Made
   // writable again as often, no logging thread meets the fault; more often would cost the
   // writer more than its batch.

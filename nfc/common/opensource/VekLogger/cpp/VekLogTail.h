@@ -32,6 +32,8 @@ constexpr uint32_t kTailCapacity = 1024 * 1024;
 constexpr size_t kTailHeaderSize = 4096;
 constexpr char kTailMagic[8] = {'V', 'E', 'K', 'T', 'A', 'I', 'L', '1'};
 constexpr int kTailTargets = 8;
+// The known processes, in the order attchProcess compares them: a tail's lines go to one.
+constexpr int kKnownProcesses = 4;
 
 // From ring position mFrom on, lines go to the log file of the known process mProcess.
 struct TailTarget {
@@ -65,33 +67,35 @@ struct TailSpan {
   TailHeader* mHeader = nullptr;
   uint64_t mEnd = 0;
   uint64_t mLost = 0;  // bytes of the batch the ring had no room for
+  int mFd = -1;        // a dead process's tail read back: the notes are written to its file
 };
 
-// Copies size bytes of the ring from position at into out.
-inline void copyFromRing(const char* ring, uint64_t at, size_t size, char* out) {
-  size_t offset = static_cast<size_t>(at % kTailCapacity);
-  size_t first = size < kTailCapacity - offset ? size : kTailCapacity - offset;
-  memcpy(out, ring + offset, first);
-  memcpy(out + first, ring, size - first);
-}
+// A tail file read back with pread, never mapped, so that nothing done to the file meanwhile
+// (a truncation) can fault the reader. Every byte of it is untrusted: a power cut, a bad
+// block, a full disk or another process may have left anything there.
+struct TailImage {
+  TailHeader& header() { return *reinterpret_cast<TailHeader*>(mHeader); }
+  const TailHeader& header() const { return *reinterpret_cast<const TailHeader*>(mHeader); }
 
-// The known process the line at position at goes to.
+  alignas(TailHeader) unsigned char mHeader[sizeof(TailHeader)];
+  std::vector<char> mText;  // the ring's [mTail, mHead)
+};
+
+// Reads the tail file fd; false when it is no tail this library could have written: a size,
+// a position, a count or a target out of range, a batch in flight longer than the ring.
+bool readTail(int fd, TailImage* image);
+
+// Where the leading run of image's text ends that is whole lines as the library formats them,
+// with no target or batch in flight beginning inside a line: the text a recovery may append.
+uint64_t provenEnd(const TailImage& image);
+
+// The known process the line at position at goes to (the first target's before it).
 inline int targetAt(const TailHeader& header, uint64_t at) {
-  int process = -1;
-  for (uint32_t i = 0; i < header.mTargetCount && i < kTailTargets; ++i) {
+  int process = header.mTargets[0].mProcess;
+  for (uint32_t i = 1; i < header.mTargetCount && i < kTailTargets; ++i) {
     if (header.mTargets[i].mFrom <= at) process = header.mTargets[i].mProcess;
   }
   return process;
-}
-
-// The header of a tail file's image, or null when the image is no tail of this layout.
-inline TailHeader* tailHeader(void* image, size_t size) {
-  auto* header = static_cast<TailHeader*>(image);
-  bool valid = size == kTailHeaderSize + kTailCapacity &&
-               memcmp(header->mMagic, kTailMagic, sizeof(kTailMagic)) == 0 &&
-               header->mCapacity == kTailCapacity && header->mTail <= header->mHead &&
-               header->mHead - header->mTail <= kTailCapacity;
-  return valid ? header : nullptr;
 }
 
 // Logging threads, under mMutex: a whole line goes into the ring, or counts as lost when the
@@ -103,11 +107,16 @@ TailSpan takeTailSpan(const VekLogRecorder& recorder);
 // goes), and once the batch is done, appended or dropped.
 void tailWriting(const TailSpan& span, const struct stat& st);
 void tailDone(const TailSpan& span);
+// Writes the header of a tail read back to its file; false for a span of a mapped tail.
+bool saveNotes(const TailSpan& span);
 
 // attchProcess, with mMutex released, for one of the known processes: the first attachment
 // makes this process's tail; each has the writer recover what dead processes left under
 // that name before its next task.
 void attachTail(VekLogRecorder& recorder, int process);
+// The writer: completes a rotation of process's log file that a death cut short, then
+// recovers every dead tail of process (VekLogRecovery.cpp).
+void recoverTails(VekLogRecorder& recorder, int process);
 // Under mMutex: the writer's tail work (a recovery, a forked child's own tail), if any.
 std::function<void()> takeTailWork(VekLogRecorder& recorder);
 

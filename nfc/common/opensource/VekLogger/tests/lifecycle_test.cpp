@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "VekLogLifecycle.h"
+#include "VekLogTail.h"
 #include "VekLogTestEnv.h"
 #include "VekWaitForWriter.h"
 
@@ -405,6 +406,104 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
     } else {
       // The line being logged at the death may have been written before it was counted.
       EXPECT_LE(next, death.mRotates ? *accepted + 1 : 0) << death.mWhat;
+    }
+  }
+}
+
+// What a damage does to a tail file, made by a process killed with kLines lines pending.
+struct Damage {
+  const char* mWhat;
+  void (*mDamage)(const std::string& path);
+  int mRecovered;  // of the kLines lines
+};
+
+constexpr int kLines = 20;
+
+// Applies change to the header of the tail at path.
+void editHeader(const std::string& path, void (*change)(vek::TailHeader&)) {
+  vek::TailImage image;
+  int fd = open(path.c_str(), O_RDWR);
+  pread(fd, image.mHeader, sizeof(image.mHeader), 0);
+  change(image.header());
+  pwrite(fd, image.mHeader, sizeof(image.mHeader), 0);
+  close(fd);
+}
+
+// Whatever a dead process's tail holds, the next process starts, recovers no more than the
+// whole lines that can be shown to be its own, sets the file aside, and never reads it again.
+TEST_F(Lifecycle, DamagedTailsCostNoStartAndAreReadOnce) {
+  const Damage damages[] = {
+      {"none", [](const std::string&) {}, kLines},
+      {"no target",
+       [](const std::string& p) { editHeader(p, [](auto& h) { h.mTargetCount = 0; }); }, 0},
+      {"a target of no known process",
+       [](const std::string& p) { editHeader(p, [](auto& h) { h.mTargets[0].mProcess = -1; }); },
+       0},
+      {"more text than the ring holds",
+       [](const std::string& p) {
+         editHeader(p, [](auto& h) { h.mHead = h.mTail + vek::kTailCapacity + 1; });
+       },
+       0},
+      {"a batch in flight longer than the ring",
+       [](const std::string& p) {
+         editHeader(p, [](auto& h) { h.mFlightEnd = h.mHead + vek::kTailCapacity; });
+       },
+       0},
+      {"its header page zeroed",
+       [](const std::string& p) {
+         int fd = open(p.c_str(), O_WRONLY);
+         pwrite(fd, std::string(vek::kTailHeaderSize, '\0').data(), vek::kTailHeaderSize, 0);
+         close(fd);
+       },
+       0},
+      {"cut to half its size",
+       [](const std::string& p) { truncate(p.c_str(), vek::kTailCapacity / 2); }, 0},
+      {"its eleventh line damaged",
+       [](const std::string& p) {
+         std::string ring = readFile(p).substr(vek::kTailHeaderSize);
+         size_t line = 0;
+         for (int i = 0; i < 10; ++i) line = ring.find('\n', line) + 1;
+         int fd = open(p.c_str(), O_WRONLY);
+         pwrite(fd, "\x01", 1, static_cast<off_t>(vek::kTailHeaderSize + line + 2));
+         close(fd);
+       },
+       10},
+      {"two recoveries cut short",
+       [](const std::string& p) { rename(p.c_str(), (p + ".2").c_str()); }, 0},
+  };
+  std::string dir = root.path("/data/vendor/nfc/");
+  auto stages = [&dir] {
+    int count = 0;
+    for (const std::string& name : vektest::listDir(dir, true))
+      count += name.find(".tail") != std::string::npos;
+    return count;
+  };
+  for (const Damage& damage : damages) {
+    unlink(log.c_str());
+    statusOf([] {
+      attach();
+      for (int i = 0; i < kLines; ++i) __vek_log_i("T", "line %d", i);
+      return raise(SIGKILL);
+    });
+    for (const std::string& name : vektest::listDir(dir, true)) {
+      if (name.find(".tail") != std::string::npos) damage.mDamage(dir + name);
+    }
+    for (int restart = 0; restart < 2; ++restart) {
+      ASSERT_EQ("exit 0", statusOf([] {
+                  attach();
+                  return vekWaitForWriter(10) ? 0 : 1;
+                }))
+          << damage.mWhat;
+    }
+    std::string text = readFile(log);
+    EXPECT_EQ(damage.mRecovered, static_cast<int>(countOf(text, " T: line "))) << damage.mWhat;
+    for (size_t at = 0; at < text.size(); at = text.find('\n', at) + 1) {
+      EXPECT_TRUE(isdigit(text[at]) && text[at + 2] == '-') << damage.mWhat << ": " << text;
+    }
+    bool whole = damage.mRecovered == kLines;
+    EXPECT_EQ(whole ? 0 : 1, stages()) << damage.mWhat << ": set aside, nothing else left";
+    for (const std::string& name : vektest::listDir(dir, true)) {
+      if (name.find(".tail") != std::string::npos) unlink((dir + name).c_str());
     }
   }
 }

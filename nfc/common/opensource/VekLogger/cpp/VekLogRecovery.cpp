@@ -1,0 +1,221 @@
+// Recovery, at every attachment, of what dead processes left in their crash tails.
+//
+// A tail's name says how far its recovery got; the name changes before the file is read:
+//   .tail      none begun        -> .tail.1, recovered, removed
+//   .tail.1    one begun, cut    -> .tail.2, resumed where the notes in its header say
+//   .tail.2    the resume cut    -> .tail.bad unread
+//   .tail.bad  set aside         -> kept for vek_tail, never read here; the newest two kept
+//   .tail.new  being made        -> removed once the process named in it is dead
+// So a tail that kills whoever reads it, by a fault nobody has found yet, costs the start that
+// met it and the one resume; a death for an ordinary reason (init's kill) loses nothing.
+#include <android-base/unique_fd.h>
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+
+#include "VekLogDiag.h"
+#include "VekLogLifecycle.h"
+#include "VekLogStorage.h"
+#include "VekLogTail.h"
+
+namespace vek {
+namespace {
+
+constexpr char kTail[] = ".tail";
+constexpr char kSetAside[] = ".tail.bad";
+constexpr char kHalfMade[] = ".tail.new";
+constexpr size_t kSetAsideKept = 2;
+
+enum Outcome { kDone, kFailed, kDamaged };
+
+bool endsWith(const std::string& name, const std::string& suffix) {
+  return name.size() >= suffix.size() &&
+         name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The names of process's tail files in target's directory, with the given suffix, oldest first
+// (names carry their creation time).
+std::vector<std::string> tailNames(const LogTarget& target, const std::string& suffix) {
+  std::string prefix = "." + target.mProcessName + ".veklog.";
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(target.mLogDir.c_str())) {
+    while (dirent* entry = readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name.compare(0, prefix.size(), prefix) == 0 && endsWith(name, suffix)) {
+        names.push_back(name);
+      }
+    }
+    closedir(dir);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Keeps a tail that is not to be read again for vek_tail, as base + ".bad", with the newest
+// kSetAsideKept of them, and says why.
+void setAside(const LogTarget& target, const std::string& path, const std::string& base,
+              const char* why) {
+  std::string kept = base + ".bad";
+  rename(path.c_str(), kept.c_str());
+  std::vector<std::string> names = tailNames(target, kSetAside);
+  for (size_t i = 0; i + kSetAsideKept < names.size(); ++i) {
+    unlink((target.mLogDir + names[i]).c_str());
+  }
+  VEK_DIAG(WARNING) << android::base::StringPrintf("%s: crash tail set aside, %s: %s",
+                                                   "recoverTails", why, kept.c_str());
+}
+
+// A half-made tail is unlocked for a moment after it is created: it is left alone while the
+// process named in it may live (this one included).
+bool madeByLivingProcess(const std::string& name) {
+  size_t dash = name.rfind('-');
+  long pid = dash == std::string::npos ? 0 : strtol(name.c_str() + dash + 1, nullptr, 10);
+  return pid > 0 && pid <= INT32_MAX && (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH);
+}
+
+// How much of the batch a death cut short, the first size bytes of text, is in its file: a
+// batch is written with one write, which a fatal signal can cut between pages. A file gone or
+// replaced since was archived after the write. With lines of the batch the ring lacked, only
+// whether the write began can be told.
+size_t writtenOfFlight(const TailHeader& header, const std::vector<char>& text, size_t size,
+                       const LogTarget& target) {
+  struct stat st;
+  android::base::unique_fd fd = openLogDirFile(target.mLogFilePath, O_RDONLY, 0, &st);
+  if (fd == -1 || static_cast<uint64_t>(st.st_dev) != header.mFlightDev ||
+      static_cast<uint64_t>(st.st_ino) != header.mFlightIno) {
+    return size;
+  }
+  if (header.mFlightLost != 0) return st.st_size > header.mFlightOffset ? size : 0;
+  char chunk[4096];
+  size_t same = 0;
+  while (same < size) {
+    ssize_t got = TEMP_FAILURE_RETRY(pread(fd, chunk, std::min(sizeof(chunk), size - same),
+                                           header.mFlightOffset + static_cast<off_t>(same)));
+    for (ssize_t i = 0; i < got; ++i, ++same) {
+      if (chunk[i] != text[same]) return same;
+    }
+    if (got <= 0) break;
+  }
+  return same;
+}
+
+// Appends text[from - base, to - base) to the log file of process; with span, noted in the
+// tail's file before it is written, as the writer notes its batches.
+bool appendRun(VekLogRecorder& recorder, const std::vector<char>& text, uint64_t base,
+               uint64_t from, uint64_t to, int process, const TailSpan& span) {
+  std::vector<char> run(text.begin() + static_cast<ptrdiff_t>(from - base),
+                        text.begin() + static_cast<ptrdiff_t>(to - base));
+  return appendBatch(knownTarget(recorder, process), run, span);
+}
+
+// Appends the proven part of a dead process's text to the log files its lines were meant for,
+// one target's run at a time: first the rest of a batch its death cut in its write, then the
+// runs, then a line that says how much the ring could not hold. The header's notes are written
+// back after each step, so that a recovery cut short by a death goes on where it stopped.
+Outcome replay(VekLogRecorder& recorder, int fd, TailImage& image) {
+  TailHeader& header = image.header();
+  const uint64_t base = header.mTail;
+  const uint64_t end = provenEnd(image);
+  TailSpan notes{&header, 0, 0, fd};
+  if (header.mFlightEnd != 0) {
+    uint64_t flightEnd = std::min<uint64_t>(header.mFlightEnd, end);
+    int process = targetAt(header, base);
+    size_t size = static_cast<size_t>(flightEnd - base);
+    uint64_t written =
+        base + writtenOfFlight(header, image.mText, size, knownTarget(recorder, process));
+    // Not noted: should this write be cut too, the next attempt compares the batch again.
+    if (written < flightEnd &&
+        !appendRun(recorder, image.mText, base, written, flightEnd, process, TailSpan())) {
+      return kFailed;
+    }
+    header.mTail = flightEnd;
+    header.mLostDone = header.mLostDone + header.mFlightLost;
+    header.mFlightEnd = 0;
+    saveNotes(notes);
+  }
+  while (header.mTail < end) {
+    uint64_t from = header.mTail;
+    uint64_t to = end;
+    for (uint32_t i = 0; i < header.mTargetCount; ++i) {
+      if (header.mTargets[i].mFrom > from) to = std::min<uint64_t>(to, header.mTargets[i].mFrom);
+    }
+    TailSpan span{&header, to, 0, fd};
+    if (!appendRun(recorder, image.mText, base, from, to, targetAt(header, from), span)) {
+      return kFailed;
+    }
+    tailDone(span);
+  }
+  if (end != header.mHead) return kDamaged;
+  uint64_t lost = header.mLostLogged - header.mLostDone;
+  if (lost == 0) return kDone;
+  VEK_DIAG(WARNING) << "crash tail: " << lost << " bytes logged before a death were lost";
+  int process = targetAt(header, header.mTail);
+  std::string note = std::to_string(lost) + " bytes logged before a death were lost";
+  std::vector<char> line = formatLine(VEK_LEVEL_WARNING, knownName(process), note);
+  if (!appendBatch(knownTarget(recorder, process), line, TailSpan())) return kFailed;
+  header.mLostDone = header.mLostLogged.load();
+  saveNotes(notes);
+  return kDone;
+}
+
+// Recovers the tail name in target's directory unless its process lives (it holds the lock).
+void recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::string& name) {
+  std::string path = target.mLogDir + name;
+  android::base::unique_fd fd = openLogDirFile(path, O_RDWR);
+  if (fd == -1 || TEMP_FAILURE_RETRY(flock(fd, LOCK_EX | LOCK_NB)) != 0) return;
+  if (endsWith(name, kHalfMade)) {
+    unlink(path.c_str());
+    return;
+  }
+  std::string base = target.mLogDir + name.substr(0, name.rfind(kTail) + sizeof(kTail) - 1);
+  if (endsWith(name, ".2")) {
+    setAside(target, path, base, "two recoveries did not finish");
+    return;
+  }
+  std::string marked = base + (endsWith(name, kTail) ? ".1" : ".2");
+  if (rename(path.c_str(), marked.c_str()) != 0) return;  // unmarked, it is not read
+  TailImage image;
+  if (!readTail(fd, &image)) {
+    setAside(target, marked, base, "damaged");
+    return;
+  }
+  // Closed: its process exited, which discards what is pending.
+  Outcome outcome = image.header().mClosed ? kDone : replay(recorder, fd, image);
+  if (outcome == kDone) {
+    unlink(marked.c_str());
+  } else if (outcome == kDamaged) {
+    setAside(target, marked, base, "damaged after its whole lines");
+  } else {
+    rename(marked.c_str(), path.c_str());  // no death: tried again at the next attachment
+  }
+}
+
+}  // namespace
+
+void recoverTails(VekLogRecorder& recorder, int process) {
+  LogTarget target = knownTarget(recorder, process);
+  {
+    LogFileLock lock(target.mLogFilePath);
+    if (!repairRotation(target)) {
+      VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to repairRotation!",
+                                                     "recoverTails");
+    }
+  }
+  // This process's own tail is skipped as a living one's is: its lock is held.
+  for (const std::string& name : tailNames(target, "")) {
+    bool stage = endsWith(name, kTail) || endsWith(name, ".tail.1") || endsWith(name, ".tail.2");
+    if (stage || (endsWith(name, kHalfMade) && !madeByLivingProcess(name))) {
+      recoverFile(recorder, target, name);
+    }
+  }
+}
+
+}  // namespace vek
