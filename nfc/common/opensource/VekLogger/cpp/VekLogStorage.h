@@ -51,8 +51,8 @@ bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const T
 // another has just begun. A POSIX record lock belongs to the process: a forked child's copy of
 // the descriptor never shares its parent's lock. The file stays open from one batch to the
 // next: locking costs two system calls and a check that the file is still the one at that
-// name. Without a usable lock file (a missing directory) nothing is locked, and the batch meets
-// the failure it would meet anyway. Writer thread only.
+// name. Without a usable lock file (a missing directory, no known name attached) nothing is
+// locked, and the batch meets the failure it would meet anyway. Writer thread only.
 struct LogFileLock {
   explicit LogFileLock(const std::string& logFile);
   ~LogFileLock();

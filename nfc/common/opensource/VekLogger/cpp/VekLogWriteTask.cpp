@@ -58,6 +58,7 @@ bool setLock(int fd, short type) {
 }  // namespace
 
 LogFileLock::LogFileLock(const std::string& logFile) {
+  if (logFile.empty()) return;  // only unknown names attached: no directory to lock in
   LockFile* file = gLockFile;
   for (int attempt = 0; attempt < 2 && mFd == -1; ++attempt) {
     if (file->mPath != logFile || file->mFd == -1) {
@@ -114,12 +115,15 @@ bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
     return false;
   }
   if (recorder.mRestartWriter) recorder.mRestartWriter = !startWriter(recorder);
+  // Only the recorder's own buffer has its lines in the crash tail.
+  TailSpan span = &buff == &recorder.mBuffer ? takeTailSpan(recorder) : TailSpan();
   if (recorder.mRestartWriter) {
+    // Dropped, so that memory stays bounded. Its lines stay in the crash tail until a writer
+    // appends a later batch: a death meanwhile leaves them to the next process.
+    buff.clear();
     if (promise) promise->set_value(1);
     return false;
   }
-  // Only the recorder's own buffer has its lines in the crash tail.
-  TailSpan span = &buff == &recorder.mBuffer ? takeTailSpan(recorder) : TailSpan();
   recorder.mTasks.emplace_back([target = currentTarget(recorder), text = std::move(buff),
                                 promise = std::move(promise), announced, span]() mutable {
     if (announced.valid()) announced.wait();

@@ -3,6 +3,7 @@
 // end are lifecycle_test.cpp's.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -78,6 +79,21 @@ TEST_F(RecorderTest, AttachByExactNameWithRecordingOff) {
 }
 
 // Local time, read anew for every line: the zone changes between the two lines.
+// A name that is not one of the four, with no known one before it: each batch fails to open
+// the empty path, and nothing is written anywhere, the working directory included.
+TEST_F(RecorderTest, UnknownNameWritesNothing) {
+  TemporaryDir cwd;
+  char here[PATH_MAX];
+  ASSERT_TRUE(getcwd(here, sizeof(here)) && chdir(cwd.path) == 0);
+  VekLogRecorder stranger;
+  stranger.attchProcess("nfc");
+  stranger.record(4, "T", "nowhere");
+  EXPECT_FALSE(stranger.saveLogsToFile(true));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "Failed to append file: "));
+  EXPECT_TRUE(vektest::listDir(cwd.path, true).empty());
+  ASSERT_EQ(0, chdir(here));
+}
+
 TEST_F(RecorderTest, LineFormatByteForByte) {
   timespec before;
   timespec after;
