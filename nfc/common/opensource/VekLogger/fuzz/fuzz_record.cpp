@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "VekFuzzLines.h"
 #include "VekLogger.h"
 
 namespace {
@@ -35,16 +36,6 @@ std::vector<std::string> expectedLines(const std::string& message) {
     lines.push_back(message.substr(start, end - start));
   }
   return lines;
-}
-
-// "dd-dd dd:dd:dd.ddd", d a digit.
-bool wellFormedStamp(const std::string& text, size_t at) {
-  for (size_t i = 0; i < 18; ++i) {
-    char c = at + i < text.size() ? text[at + i] : '\0';
-    char want = "dd-dd dd:dd:dd.ddd"[i];
-    if (want == 'd' ? (c < '0' || c > '9') : c != want) return false;
-  }
-  return true;
 }
 
 }  // namespace

@@ -50,6 +50,13 @@
 //   process ("Failed to set up crash tail: <path>"); the writer tries again at the first batch
 //   1 s after a failure, the wait doubling with each failure up to 64 s. vek_tail (tools/)
 //   prints a tail's lines for a process that died and was not restarted.
+// - A dead process's tail is untrusted input: it is read with pread and every value checked
+//   before use; only its leading whole lines are appended. A tail that fails a check, or whose
+//   recovery began twice without finishing (the recovering process died each time), is set
+//   aside unread as "<tail>.bad" with one WARNING, kept for vek_tail, never recovered again;
+//   the newest two per process are kept (2 MiB + 8 KiB), and retention of archives never
+//   counts them. A tail whose lines cannot be appended (a full disk) stays for the next
+//   attachment.
 // - Rotation in steps: the archive is written as ".<log file>.gz.part", named once it is whole
 //   and synced, and the log file is first moved to "<log file>.rotating", removed last. The
 //   next rotation, or every attachment before its first append (a tail left or none),
@@ -81,10 +88,12 @@
 // - A writer thread that cannot be started (the system refuses threads) never ends the
 //   process: one ERROR diagnostic ("write buffer thread failed to start!"), then each hand-over
 //   tries again, and drops its batch while no writer runs (a flush returns false at once), so
-//   memory stays bounded. The one function that starts the thread is built with exceptions,
-//   std::thread's only way to report the failure.
+//   memory stays bounded; the crash tail keeps the dropped lines until a writer runs. The one
+//   function that starts the thread is built with exceptions, std::thread's only way to report
+//   the failure.
 // - Re-attaching is safe while tasks run: a write task keeps the process name and paths that
-//   were current when it was queued.
+//   were current when it was queued. With only unknown names attached, each batch fails to open
+//   the empty path and nothing is written anywhere, no lock file either.
 // - Negative levels are recorded (with an empty level letter) only while the record threshold
 //   is not 0, so no task is ever queued without a writer to run it. They are never printed.
 // - A level-1 message of VekLogAdapter is recorded, then printed at FATAL, which ends the

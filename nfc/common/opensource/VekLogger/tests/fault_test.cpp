@@ -120,12 +120,43 @@ TEST_F(FaultTest, FullDiskDuringRotationsCostsOneArchiveAtMost) {
   EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + archives().back()));
 }
 
-// A non-empty directory among the archives: unlink fails even for root, and stops pruning.
-TEST_F(FaultTest, UndeletableArchiveFailsEveryRotationUntilRemoved) {
+// A rotation cut by a death (its log file moved aside, its archive a part file) meets a full
+// disk when it is completed: the text moved aside stays, and no rotation may replace it,
+// until space is freed and the repair archives it.
+TEST_F(FaultTest, RepairUnderAFullDiskKeepsTheTextItMovedAside) {
+  if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=128k") != 0) GTEST_SKIP() << "needs root";
+  std::string old = vektest::logText(20000);
+  writeFile(log + ".rotating", old);
+  writeFile(dir + ".nfc_process.veklog.gz.part", "");
+  sparseLog(kLimit - 10);
+  android::base::unique_fd filler(open((dir + "filler").c_str(), O_WRONLY | O_CREAT, 0600));
+  EXPECT_FALSE(android::base::WriteFully(filler, std::string(1 << 20, 'f').data(), 1 << 20));
+
+  EXPECT_FALSE(logAndFlush("past the limit"));
+  EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "checkLogFileExceed: Failed to repairRotation!"));
+  EXPECT_TRUE(old == readFile(log + ".rotating"));
+  filler.reset();
+  ASSERT_EQ(0, unlink((dir + "filler").c_str()));
+  EXPECT_TRUE(logAndFlush("once freed"));
+  ASSERT_EQ(2u, archives().size());
+  EXPECT_TRUE(old == vektest::gunzip(dir + archives()[0])) << "the older text, archived first";
+  EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + archives()[1]));
+  EXPECT_FALSE(vektest::exists(log + ".rotating"));
+}
+
+// Entries planted in the directory. A non-empty directory among the archives (unlink fails
+// even for root) stops every rotation at pruning until it is removed. Whatever stands at a
+// rotation step's own name is removed, or stepped around (a non-empty directory at the part
+// file's name): it never stops a rotation, and is never written into.
+TEST_F(FaultTest, PlantedEntriesStopRotationsOnlyAsArchives) {
   for (int i = 1; i < 5; ++i) writeFile(dir + "nfc_process_2025010" + std::to_string(i), "x");
   std::string stuck = dir + "nfc_process_20250100";
   ASSERT_EQ(0, mkdir(stuck.c_str(), 0755));
   writeFile(stuck + "/keep", "x");
+  std::string part = dir + ".nfc_process.veklog.gz.part";
+  ASSERT_EQ(0, mkdir(part.c_str(), 0755));
+  writeFile(part + "/keep", "someone else's");
+  ASSERT_EQ(0, mkfifo((log + ".rotating").c_str(), 0600));
   sparseLog(kLimit - 4096);
 
   EXPECT_TRUE(logAndFlush("fits under the limit"));
@@ -143,6 +174,10 @@ TEST_F(FaultTest, UndeletableArchiveFailsEveryRotationUntilRemoved) {
   ASSERT_EQ(0, rmdir(stuck.c_str()));
   EXPECT_TRUE(logAndFlush(std::string(5000, 'r')));
   EXPECT_FALSE(inLog("fits under the limit")) << "rotated";
+  EXPECT_NE(std::string::npos,
+            vektest::gunzip(dir + archives().back()).find("Fault: fits under the limit\n"));
+  EXPECT_EQ("someone else's", readFile(part + "/keep"));
+  EXPECT_FALSE(vektest::exists(log + ".rotating"));
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -56,6 +57,15 @@ size_t countOf(const std::string& text, const std::string& part) {
   size_t found = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) found++;
   return found;
+}
+
+// The crash tails in dir, whatever their state.
+std::vector<std::string> tailsIn(const std::string& dir) {
+  std::vector<std::string> names = vektest::listDir(dir, true);
+  names.erase(std::remove_if(names.begin(), names.end(),
+                             [](const std::string& n) { return n.find(".tail") == n.npos; }),
+              names.end());
+  return names;
 }
 
 struct LogsWhenDestroyed {
@@ -231,13 +241,6 @@ TEST_F(Lifecycle, WriterThatCannotStart) {
             }));
 }
 
-bool hasTail(const std::string& dir) {
-  for (const std::string& name : vektest::listDir(dir, true)) {
-    if (name.size() > 5 && name.compare(name.size() - 5, 5, ".tail") == 0) return true;
-  }
-  return false;
-}
-
 // Without its directory at the attachment, the crash tail cannot be made: one warning, logging
 // goes on as it would without a tail, and a batch a second later makes it.
 TEST_F(Lifecycle, LoggingGoesOnWithoutACrashTailUntilItCanBeMade) {
@@ -255,7 +258,7 @@ TEST_F(Lifecycle, LoggingGoesOnWithoutACrashTailUntilItCanBeMade) {
               __vek_save_log_now();
               rename((dir + "-gone").c_str(), dir.c_str());
               sleep(2);
-              if (!vekWaitForWriter(10) || !hasTail(dir)) return 3;
+              if (!vekWaitForWriter(10) || tailsIn(dir).empty()) return 3;
               int warned = 0;
               for (const vektest::Entry& e : diag.entries()) {
                 warned +=
@@ -302,8 +305,8 @@ TEST_F(Lifecycle, ExitWithTheWriterStuckInATask) {
 }
 
 // How a child dies once it has logged its numbered lines. With mRotates, the log file starts
-// near its limit, a thread logs, and the child dies as the rotation is under way; then
-// mRecoveryDeaths processes die while they recover it.
+// near its limit, a thread logs, and the child dies as the rotation is under way; then its
+// tail is damaged, and mRecoveryDeaths processes die while they recover it.
 struct Death {
   const char* mWhat;
   int mLines;
@@ -312,6 +315,8 @@ struct Death {
   bool mRecovers;  // false: no tail is left (an exit's destructor discards it, or it is lost)
   bool mHeld;      // the writer is held: what passes the tail's 1 MiB is lost, and said so
   void (*mDie)();
+  void (*mDamage)(const std::string& path, vek::TailHeader& header) = nullptr;
+  int mProven = 0;  // damaged: the lines a recovery can show to be whole; the file is set aside
 };
 
 constexpr off_t kSmallLimit = 1 << 20;  // rotations quick enough for emulators and sanitizers
@@ -320,11 +325,11 @@ const std::string kFiller = "11-22 20:51:23.000 1873 2011 I Pre: filler\n";
 // A tail lost with its process, as when it could not be set up.
 void dieWithoutTail() {
   std::string dir = std::string(getenv("VEK_LOG_ROOT")) + "/data/vendor/nfc/";
-  for (const std::string& name : vektest::listDir(dir, true)) {
-    if (name.find(".tail") != std::string::npos) unlink((dir + name).c_str());
-  }
+  for (const std::string& name : tailsIn(dir)) unlink((dir + name).c_str());
   raise(SIGKILL);
 }
+
+void killSelf() { raise(SIGKILL); }
 
 void attachSmall() {
   VekLogRecorder::getInstance()->mMaxFileSize = kSmallLimit;
@@ -347,13 +352,35 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
       {"SIGSEGV on another thread", 500, false, 0, true, false,
        [] { std::thread([] { raise(SIGSEGV); }).join(); }},
       {"_exit", 300, false, 0, true, false, [] { _exit(0); }},
-      {"kill -9 mid-rotation", 1500, true, 0, true, false, [] { raise(SIGKILL); }},
-      {"kill -9 mid-rotation and mid-recovery", 1500, true, 1, true, false, [] { raise(SIGKILL); }},
+      {"kill -9 mid-rotation", 1500, true, 0, true, false, killSelf},
+      {"kill -9 mid-rotation and mid-recovery", 1500, true, 1, true, false, killSelf},
       {"kill -9 mid-rotation, no tail", 1500, true, 0, false, false, dieWithoutTail},
-      {"kill -9, the writer held past the tail", 30000, false, 0, true, true,
-       [] { raise(SIGKILL); }},
+      {"kill -9, the writer held past the tail", 30000, false, 0, true, true, killSelf},
       {"exit", 50, false, 0, false, false, [] { exit(0); }},
       {"exit mid-rotation", 1500, true, 0, false, false, [] { exit(0); }},
+      // A tail is untrusted: whatever it holds, the next process starts and reads it once.
+      {"tail without a target", 20, false, 0, true, false, killSelf,
+       [](auto&, auto& h) { h.mTargetCount = 0; }},
+      {"tail with a target of no known process", 20, false, 0, true, false, killSelf,
+       [](auto&, auto& h) { h.mTargets[0].mProcess = -1; }},
+      {"tail with more text than its ring", 20, false, 0, true, false, killSelf,
+       [](auto&, auto& h) { h.mHead = h.mTail + vek::kTailCapacity + 1; }},
+      {"tail with a batch in flight past its text", 20, false, 0, true, false, killSelf,
+       [](auto&, auto& h) { h.mFlightEnd = h.mHead + 1; }},
+      {"tail without its magic", 20, false, 0, true, false, killSelf,
+       [](auto&, auto& h) { h.mMagic[0] = 0; }},
+      {"tail cut short", 20, false, 0, true, false, killSelf,
+       [](auto& p, auto&) { truncate(p.c_str(), vek::kTailCapacity / 2); }},
+      {"tail with a target from inside its eleventh line", 20, false, 0, true, false, killSelf,
+       [](auto& p, auto& h) {
+         std::string ring = readFile(p).substr(vek::kTailHeaderSize);
+         size_t at = 0;
+         for (int i = 0; i < 10; ++i) at = ring.find('\n', at) + 1;
+         h.mTargets[h.mTargetCount++] = {at + 3, 0, 0};
+       },
+       10},
+      {"tail whose recovery began twice", 20, false, 0, true, false, killSelf,
+       [](auto& p, auto&) { rename(p.c_str(), (p + ".2").c_str()); }},
   };
 
   auto* accepted = static_cast<std::atomic<int>*>(
@@ -380,6 +407,14 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
       death.mDie();
       return 0;
     });
+    for (const std::string& name : death.mDamage ? tailsIn(dir) : std::vector<std::string>()) {
+      vek::TailImage image;
+      int fd = open((dir + name).c_str(), O_RDWR);
+      pread(fd, image.mHeader, sizeof(image.mHeader), 0);
+      death.mDamage(dir + name, image.header());
+      pwrite(fd, image.mHeader, sizeof(image.mHeader), 0);
+      close(fd);
+    }
     for (int i = 0; i < death.mRecoveryDeaths; ++i) {
       statusOf([] {
         attachSmall();
@@ -401,7 +436,11 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
          at = found.find(" T: line ", at + 1)) {
       EXPECT_EQ(next++, atoi(found.c_str() + at + 9)) << death.mWhat;
     }
-    if (death.mHeld) {
+    // Nothing is left to be read again; a damaged tail is set aside.
+    EXPECT_EQ(death.mDamage ? 1u : 0u, tailsIn(dir).size()) << death.mWhat;
+    if (death.mDamage) {
+      EXPECT_EQ(death.mProven, next) << death.mWhat;
+    } else if (death.mHeld) {
       EXPECT_LT(next, *accepted) << death.mWhat;
       EXPECT_EQ(1u, countOf(found, " bytes logged before a death were lost\n")) << death.mWhat;
     } else if (death.mRecovers) {
@@ -409,104 +448,6 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
     } else {
       // The line being logged at the death may have been written before it was counted.
       EXPECT_LE(next, death.mRotates ? *accepted + 1 : 0) << death.mWhat;
-    }
-  }
-}
-
-// What a damage does to a tail file, made by a process killed with kLines lines pending.
-struct Damage {
-  const char* mWhat;
-  void (*mDamage)(const std::string& path);
-  int mRecovered;  // of the kLines lines
-};
-
-constexpr int kLines = 20;
-
-// Applies change to the header of the tail at path.
-void editHeader(const std::string& path, void (*change)(vek::TailHeader&)) {
-  vek::TailImage image;
-  int fd = open(path.c_str(), O_RDWR);
-  pread(fd, image.mHeader, sizeof(image.mHeader), 0);
-  change(image.header());
-  pwrite(fd, image.mHeader, sizeof(image.mHeader), 0);
-  close(fd);
-}
-
-// Whatever a dead process's tail holds, the next process starts, recovers no more than the
-// whole lines that can be shown to be its own, sets the file aside, and never reads it again.
-TEST_F(Lifecycle, DamagedTailsCostNoStartAndAreReadOnce) {
-  const Damage damages[] = {
-      {"none", [](const std::string&) {}, kLines},
-      {"no target",
-       [](const std::string& p) { editHeader(p, [](auto& h) { h.mTargetCount = 0; }); }, 0},
-      {"a target of no known process",
-       [](const std::string& p) { editHeader(p, [](auto& h) { h.mTargets[0].mProcess = -1; }); },
-       0},
-      {"more text than the ring holds",
-       [](const std::string& p) {
-         editHeader(p, [](auto& h) { h.mHead = h.mTail + vek::kTailCapacity + 1; });
-       },
-       0},
-      {"a batch in flight longer than the ring",
-       [](const std::string& p) {
-         editHeader(p, [](auto& h) { h.mFlightEnd = h.mHead + vek::kTailCapacity; });
-       },
-       0},
-      {"its header page zeroed",
-       [](const std::string& p) {
-         int fd = open(p.c_str(), O_WRONLY);
-         pwrite(fd, std::string(vek::kTailHeaderSize, '\0').data(), vek::kTailHeaderSize, 0);
-         close(fd);
-       },
-       0},
-      {"cut to half its size",
-       [](const std::string& p) { truncate(p.c_str(), vek::kTailCapacity / 2); }, 0},
-      {"its eleventh line damaged",
-       [](const std::string& p) {
-         std::string ring = readFile(p).substr(vek::kTailHeaderSize);
-         size_t line = 0;
-         for (int i = 0; i < 10; ++i) line = ring.find('\n', line) + 1;
-         int fd = open(p.c_str(), O_WRONLY);
-         pwrite(fd, "\x01", 1, static_cast<off_t>(vek::kTailHeaderSize + line + 2));
-         close(fd);
-       },
-       10},
-      {"two recoveries cut short",
-       [](const std::string& p) { rename(p.c_str(), (p + ".2").c_str()); }, 0},
-  };
-  std::string dir = root.path("/data/vendor/nfc/");
-  auto stages = [&dir] {
-    int count = 0;
-    for (const std::string& name : vektest::listDir(dir, true))
-      count += name.find(".tail") != std::string::npos;
-    return count;
-  };
-  for (const Damage& damage : damages) {
-    unlink(log.c_str());
-    statusOf([] {
-      attach();
-      for (int i = 0; i < kLines; ++i) __vek_log_i("T", "line %d", i);
-      return raise(SIGKILL);
-    });
-    for (const std::string& name : vektest::listDir(dir, true)) {
-      if (name.find(".tail") != std::string::npos) damage.mDamage(dir + name);
-    }
-    for (int restart = 0; restart < 2; ++restart) {
-      ASSERT_EQ("exit 0", statusOf([] {
-                  attach();
-                  return vekWaitForWriter(10) ? 0 : 1;
-                }))
-          << damage.mWhat;
-    }
-    std::string text = readFile(log);
-    EXPECT_EQ(damage.mRecovered, static_cast<int>(countOf(text, " T: line "))) << damage.mWhat;
-    for (size_t at = 0; at < text.size(); at = text.find('\n', at) + 1) {
-      EXPECT_TRUE(isdigit(text[at]) && text[at + 2] == '-') << damage.mWhat << ": " << text;
-    }
-    bool whole = damage.mRecovered == kLines;
-    EXPECT_EQ(whole ? 0 : 1, stages()) << damage.mWhat << ": set aside, nothing else left";
-    for (const std::string& name : vektest::listDir(dir, true)) {
-      if (name.find(".tail") != std::string::npos) unlink((dir + name).c_str());
     }
   }
 }

@@ -132,6 +132,26 @@ TEST_F(StorageTest, RotatesAboveTheLimitKeepingFiveArchives) {
   EXPECT_EQ(4u, archives().size()) << "a failed rotation leaves no archive";
 }
 
+// A rotation cut by a death, completed at an attachment beside a new log file: its text becomes
+// an archive of its own, pruned for as a rotation's, never in place of this process's last.
+TEST_F(StorageTest, RepairAtAttachmentPrunesAndReplacesNoArchive) {
+  makeArchives(4);
+  sparseLog(kLimit - 10);
+  ASSERT_TRUE(recorder->checkLogFileExceed(11));
+  std::string last = archives().back();  // this process's, made this second
+  writeFile(log + ".rotating", "cut short\n");
+  writeFile(dir + ".nfc_process.veklog.gz.part", "");
+  writeFile(log, "new\n");
+  recorder->attchProcess("nfc_process");
+  drain();
+  std::vector<std::string> kept = archives();
+  ASSERT_EQ(5u, kept.size());
+  EXPECT_EQ(archive(1), kept[0]) << "the oldest pruned";
+  EXPECT_EQ(kLimit - 10, static_cast<off_t>(vektest::gunzip(dir + last).size()));
+  EXPECT_EQ("cut short\n", vektest::gunzip(dir + kept.back()));
+  EXPECT_EQ("new\n", readFile(log));
+}
+
 // Tasks run in queue order with mMutex free, each for the attachment it was queued under; the
 // NFC HAL process's append the kernel log after their batch, whatever its size.
 TEST_F(StorageTest, WriteTasksAppendTheKernelLogInTheHalProcessOnly) {
