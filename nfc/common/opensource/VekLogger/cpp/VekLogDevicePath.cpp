@@ -4,4 +4,6 @@ namespace vek {
 
 std::string devicePath(const char* path) { return path; }
 
+bool crashTailWanted() { return true; }
+
 }  // namespace vek

@@ -51,7 +51,13 @@ bool takeTask(VekLogRecorder* recorder, std::function<void()>* task, bool* worke
     lock.lock();
   }
   *worked = true;
-  recorder->mCondition.wait(lock, ready);
+  while (!ready()) {
+    if (auto wake = tailWakeAt(*recorder)) {
+      recorder->mCondition.wait_until(lock, *wake);
+    } else {
+      recorder->mCondition.wait(lock);
+    }
+  }
   if (recorder->mStopWriter) return false;
   if (!*task) {
     *task = std::move(recorder->mTasks.front());
@@ -115,9 +121,11 @@ void lockForFork() {
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   gForkLocked = !recorder->mClosed;
   if (gForkLocked) recorder->mMutex.lock();
+  lockTailFiles();
 }
 
 void unlockInParent() {
+  unlockTailFiles();
   if (gForkLocked) VekLogRecorder::getInstance()->mMutex.unlock();
   pthread_rwlock_unlock(&gLibbaseLines);
 }
@@ -127,6 +135,7 @@ void unlockInParent() {
 // and a writer of the child's own starts with its first hand-over.
 void resetInChild() {
   pthread_rwlock_init(&gLibbaseLines, nullptr);
+  closeTailFilesInChild();
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   if (!gForkLocked) return;
   new (&recorder->mMutex) std::mutex;

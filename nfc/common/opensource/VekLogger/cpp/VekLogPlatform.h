@@ -10,6 +10,10 @@ namespace vek {
 // Read anew on every call.
 std::string devicePath(const char* path);
 
+// Whether this process keeps a crash tail: always on a device; a host build's benchmarks turn
+// it off with VEK_NO_CRASH_TAIL, to measure what it costs.
+bool crashTailWanted();
+
 // Returns the allocator's free memory to the system (VekLogAllocator.cpp, by C library).
 void releaseFreeMemory();
 

@@ -4,7 +4,7 @@
 //   .tail      none begun        -> .tail.1, recovered, removed
 //   .tail.1    one begun, cut    -> .tail.2, resumed where the notes in its header say
 //   .tail.2    the resume cut    -> .tail.bad unread
-//   .tail.bad  set aside         -> kept for vek_tail, never read here; the newest two kept
+//   .tail.bad  set aside         -> kept for vek_tail, never read here; the newest one kept
 //   .tail.new  being made        -> removed once the process named in it is dead
 // So a tail that kills whoever reads it, by a fault nobody has found yet, costs the start that
 // met it and the one resume; a death for an ordinary reason (init's kill) loses nothing.
@@ -32,7 +32,7 @@ namespace {
 constexpr char kTail[] = ".tail";
 constexpr char kSetAside[] = ".tail.bad";
 constexpr char kHalfMade[] = ".tail.new";
-constexpr size_t kSetAsideKept = 2;
+constexpr size_t kSetAsideKept = 1;
 
 enum Outcome { kDone, kFailed, kDamaged };
 
@@ -108,12 +108,13 @@ size_t writtenOfFlight(const TailHeader& header, const std::vector<char>& text, 
 }
 
 // Appends text[from - base, to - base) to the log file of process; with span, noted in the
-// tail's file before it is written, as the writer notes its batches.
+// tail's file before it is written, as the writer notes its batches. True once it is written.
 bool appendRun(VekLogRecorder& recorder, const std::vector<char>& text, uint64_t base,
                uint64_t from, uint64_t to, int process, const TailSpan& span) {
   std::vector<char> run(text.begin() + static_cast<ptrdiff_t>(from - base),
                         text.begin() + static_cast<ptrdiff_t>(to - base));
-  return appendBatch(knownTarget(recorder, process), run, span);
+  bool written = false;
+  return appendBatch(knownTarget(recorder, process), run, span, &written) && written;
 }
 
 // Appends the proven part of a dead process's text to the log files its lines were meant for,
@@ -160,47 +161,79 @@ Outcome replay(VekLogRecorder& recorder, int fd, TailImage& image) {
   int process = targetAt(header, header.mTail);
   std::string note = std::to_string(lost) + " bytes logged before a death were lost";
   std::vector<char> line = formatLine(VEK_LEVEL_WARNING, knownName(process), note);
-  if (!appendBatch(knownTarget(recorder, process), line, TailSpan())) return kFailed;
+  bool written = false;
+  if (!appendBatch(knownTarget(recorder, process), line, TailSpan(), &written) || !written) {
+    return kFailed;
+  }
   header.mLostDone = header.mLostLogged.load();
   saveNotes(notes);
   return kDone;
 }
 
-// Recovers the tail name in target's directory unless its process lives (it holds the lock).
-void recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::string& name) {
+// Whether the tail file fd is open and now locked here: its process is dead (a living one holds
+// the lock). The descriptor is registered, so that a child forked meanwhile never keeps it.
+bool lockDead(const TailFile& fd) {
+  return fd.mFd != -1 && TEMP_FAILURE_RETRY(flock(fd.mFd, LOCK_EX | LOCK_NB)) == 0;
+}
+
+// Recovers the tail name in target's directory; false when its process lives.
+bool recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::string& name) {
   std::string path = target.mLogDir + name;
-  android::base::unique_fd fd = openLogDirFile(path, O_RDWR);
-  if (fd == -1 || TEMP_FAILURE_RETRY(flock(fd, LOCK_EX | LOCK_NB)) != 0) return;
+  TailFile fd(path, O_RDWR);
+  if (!lockDead(fd)) return fd.mFd == -1;
   if (endsWith(name, kHalfMade)) {
     unlink(path.c_str());
-    return;
+    return true;
   }
   std::string base = target.mLogDir + name.substr(0, name.rfind(kTail) + sizeof(kTail) - 1);
   if (endsWith(name, ".2")) {
     setAside(target, path, base, "two recoveries did not finish");
-    return;
+    return true;
   }
   std::string marked = base + (endsWith(name, kTail) ? ".1" : ".2");
-  if (rename(path.c_str(), marked.c_str()) != 0) return;  // unmarked, it is not read
+  if (rename(path.c_str(), marked.c_str()) != 0) return true;  // unmarked, it is not read
   TailImage image;
-  if (!readTail(fd, &image)) {
+  if (!readTail(fd.mFd, &image)) {
     setAside(target, marked, base, "damaged");
-    return;
+    return true;
   }
   // Closed: its process exited, which discards what is pending.
-  Outcome outcome = image.header().mClosed ? kDone : replay(recorder, fd, image);
+  Outcome outcome = image.header().mClosed ? kDone : replay(recorder, fd.mFd, image);
   if (outcome == kDone) {
     unlink(marked.c_str());
   } else if (outcome == kDamaged) {
     setAside(target, marked, base, "damaged after its whole lines");
   } else {
     rename(marked.c_str(), path.c_str());  // no death: tried again at the next attachment
+    VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to recover crash tail, kept: %s",
+                                                   "recoverTails", path.c_str());
   }
+  return true;
+}
+
+// Whether name is a tail a recovery reads: one of a dead process's stages, or a half-made one
+// of a process that is dead.
+bool recoverable(const std::string& name) {
+  bool stage = endsWith(name, kTail) || endsWith(name, ".tail.1") || endsWith(name, ".tail.2");
+  return stage || (endsWith(name, kHalfMade) && !madeByLivingProcess(name));
+}
+
+// This process's own tails carry its pid.
+bool ownTail(const std::string& name) {
+  return name.find("-" + std::to_string(getpid()) + ".tail") != std::string::npos;
 }
 
 }  // namespace
 
-void recoverTails(VekLogRecorder& recorder, int process) {
+bool deadTailWaiting(const LogTarget& target) {
+  for (const std::string& name : tailNames(target, "")) {
+    TailFile fd(target.mLogDir + name, O_RDONLY);
+    if (recoverable(name) && !ownTail(name) && lockDead(fd)) return true;
+  }
+  return false;
+}
+
+bool recoverTails(VekLogRecorder& recorder, int process) {
   LogTarget target = knownTarget(recorder, process);
   {
     LogFileLock lock(target.mLogFilePath);
@@ -209,13 +242,11 @@ void recoverTails(VekLogRecorder& recorder, int process) {
                                                      "recoverTails");
     }
   }
-  // This process's own tail is skipped as a living one's is: its lock is held.
+  bool living = false;
   for (const std::string& name : tailNames(target, "")) {
-    bool stage = endsWith(name, kTail) || endsWith(name, ".tail.1") || endsWith(name, ".tail.2");
-    if (stage || (endsWith(name, kHalfMade) && !madeByLivingProcess(name))) {
-      recoverFile(recorder, target, name);
-    }
+    if (recoverable(name) && !ownTail(name)) living |= !recoverFile(recorder, target, name);
   }
+  return living;
 }
 
 }  // namespace vek

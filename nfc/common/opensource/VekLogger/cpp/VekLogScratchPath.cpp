@@ -12,4 +12,6 @@ std::string devicePath(const char* path) {
   return std::string(root) + path;
 }
 
+bool crashTailWanted() { return getenv("VEK_NO_CRASH_TAIL") == nullptr; }
+
 }  // namespace vek

@@ -42,8 +42,10 @@ void runWriteTask(const LogTarget& target, std::vector<char>& buff,
                   const std::shared_ptr<std::promise<int>>& promise, const TailSpan& span);
 
 // Appends buff to the target's log file, rotating it first when needed, with the log file's
-// lock held, and notes the write in the crash tail of span. False, reported, when it could not.
-bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span);
+// lock held, and notes the write in the crash tail of span. False, reported, when it could not
+// open the file or make room; *written, when given, tells whether the write itself succeeded.
+bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span,
+                 bool* written = nullptr);
 
 // Another process may log under the same name at once: a forked child, or a restart while the
 // old one still dies. The size check, the rotation and the append of a batch hold a write lock

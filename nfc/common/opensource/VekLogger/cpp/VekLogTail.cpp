@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,19 +21,17 @@
 
 #include "VekLogDiag.h"
 #include "VekLogLifecycle.h"
+#include "VekLogPlatform.h"
 #include "VekLogStorage.h"
 #include "VekLogger.h"
-
-#ifndef MADV_POPULATE_WRITE
-#define MADV_POPULATE_WRITE 23
-#endif
 
 namespace vek {
 namespace {
 
 constexpr size_t kTailFileSize = kTailHeaderSize + kTailCapacity;
-// How often the writer makes the ring's pages writable again: the kernel's writeback interval.
-constexpr std::chrono::seconds kPopulateEvery(5);
+// How often the writer checks that the tail's file is still whole and at its name, and, while
+// another process under the name lives, whether it has died.
+constexpr std::chrono::seconds kCheckEvery(2);
 // A set-up that failed is tried again at the first batch this long after the failure, the wait
 // doubling with each failure up to 64 s.
 constexpr std::chrono::seconds kRetryFirst(1);
@@ -52,7 +51,10 @@ struct Tail {
   int mFailures = 0;     // set-ups failed; the first one says so
   std::chrono::steady_clock::time_point mNextTry;  // no set-up is tried before
   int mProcess = -1;                               // the known process lines now go to
-  unsigned mRecover = 0;     // known processes whose dead tails the writer is to recover
+  unsigned mRecover = 0;  // known processes whose dead tails the writer is to recover
+  unsigned mWatch = 0;    // known processes with another process's tail, living
+  bool mRemade = false;   // the file was lost: the next set-up says so
+  std::chrono::steady_clock::time_point mNextCheck;
   uint64_t mBatchStart = 0;  // where mBuffer's lines begin in the ring
   uint64_t mBatchLost = 0;   // bytes of mBuffer the ring had no room for
   uint64_t mHead = 0;        // the header's mHead, which only the owner writes
@@ -60,9 +62,17 @@ struct Tail {
 };
 Tail* const gTail = new Tail;
 
-// Makes every page of the mapping resident and writable, so that no logging thread faults on
-// it.
-void populate(void* map, size_t size) { madvise(map, size, MADV_POPULATE_WRITE); }
+// Descriptors of tail files open in this process. A forked child shares each one's open file
+// description, and with it the flock that marks a tail's process as living, so the child closes
+// them all. Each is opened and registered with gFilesLock held, which fork waits for.
+pthread_mutex_t gFilesLock = PTHREAD_MUTEX_INITIALIZER;
+int gFiles[4] = {-1, -1, -1, -1};
+
+// Replaces the tail's mapping with anonymous memory at the same place: a span still queued may
+// write into it, and no page of a lost or cut file is touched again.
+void retire(void* map) {
+  mmap(map, kTailFileSize, PROT_READ | PROT_WRITE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+}
 
 // Notes that from the current batch on, lines go to process.
 void retarget(TailHeader& header, int process) {
@@ -89,19 +99,21 @@ bool makeTail(const VekLogRecorder& recorder, int process, Tail* tail) {
   tail->mPath = privatePath(knownTarget(recorder, process).mLogFilePath, suffix);
   const std::string& path = tail->mPath;
   std::string fresh = path + ".new";
-  android::base::unique_fd fd = openLogDirFile(fresh, O_RDWR | O_CREAT | O_EXCL, 0640);
+  TailFile fd(fresh, O_RDWR | O_CREAT | O_EXCL, 0640);
   void* map = MAP_FAILED;
   int reserved = EBADF;
   // posix_fallocate returns its error; a signal may interrupt a large reservation.
-  if (fd != -1 && TEMP_FAILURE_RETRY(flock(fd, LOCK_EX | LOCK_NB)) == 0) {
-    while ((reserved = posix_fallocate(fd, 0, kTailFileSize)) == EINTR) {
+  if (fd.mFd != -1 && TEMP_FAILURE_RETRY(flock(fd.mFd, LOCK_EX | LOCK_NB)) == 0) {
+    while ((reserved = posix_fallocate(fd.mFd, 0, kTailFileSize)) == EINTR) {
     }
   }
+  // Resident but clean: populating a shared mapping reads its pages in without dirtying them,
+  // so that only pages lines are written to are ever written back.
   if (reserved == 0) {
-    map = mmap(nullptr, kTailFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    map =
+        mmap(nullptr, kTailFileSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd.mFd, 0);
   }
   if (map != MAP_FAILED) {
-    populate(map, kTailFileSize);
     auto* header = new (map) TailHeader{};
     header->mCapacity = kTailCapacity;
     header->mTargets[0] = TailTarget{0, process, 0};
@@ -115,7 +127,7 @@ bool makeTail(const VekLogRecorder& recorder, int process, Tail* tail) {
     }
     munmap(map, kTailFileSize);
   }
-  if (fd != -1) unlink(fresh.c_str());
+  if (fd.mFd != -1) unlink(fresh.c_str());
   return false;
 }
 
@@ -135,16 +147,19 @@ void openTail(VekLogRecorder& recorder, int process) {
   Tail made;
   bool ok = makeTail(recorder, process, &made);
   bool first = false;
+  bool remade = false;
   {
     std::lock_guard<std::mutex> lock(recorder.mMutex);
     Tail& tail = *gTail;
     tail.mMaking = false;
     if (!ok) {
-      first = tail.mFailures == 0;
+      first = tail.mFailures == 0 && !tail.mRemade;
       tail.mNextTry = std::chrono::steady_clock::now() +
                       kRetryFirst * (1 << std::min(tail.mFailures, kRetryDoublings));
       ++tail.mFailures;
     } else if (!recorder.mClosed) {
+      remade = tail.mRemade;
+      tail.mRemade = false;
       tail.mHeader = made.mHeader;
       tail.mRing = made.mRing;
       tail.mFd = made.mFd;
@@ -163,6 +178,27 @@ void openTail(VekLogRecorder& recorder, int process) {
   if (first) {
     VEK_DIAG(WARNING) << "Failed to set up crash tail: " << made.mPath;
   }
+  if (remade) {
+    VEK_DIAG(WARNING) << "Crash tail was removed or cut, made again: " << made.mPath;
+  }
+}
+
+// Under mMutex, on the writer, at an attachment and at most every kCheckEvery: a tail whose
+// file is no longer at its name (removed, its directory moved or removed and made again) or
+// was cut is given up for a new one.
+void checkFile(Tail& tail) {
+  struct stat open;
+  struct stat named;
+  if (tail.mHeader == nullptr || fstat(tail.mFd, &open) != 0) return;
+  bool there = lstat(tail.mPath.c_str(), &named) == 0 && named.st_dev == open.st_dev &&
+               named.st_ino == open.st_ino;
+  if (there && static_cast<uint64_t>(open.st_size) == kTailFileSize) return;
+  if (there) unlink(tail.mPath.c_str());  // cut: what it holds can no longer be trusted
+  retire(tail.mHeader);
+  closeTailFile(tail.mFd);
+  tail.mHeader = nullptr;
+  tail.mRemade = true;
+  tail.mNextTry = {};
 }
 
 }  // namespace
@@ -223,16 +259,7 @@ void tailDone(const TailSpan& span) {
   header->mLostDone.store(header->mLostDone.load(std::memory_order_relaxed) + span.mLost,
                           std::memory_order_relaxed);
   header->mFlightEnd.store(0, std::memory_order_release);
-  if (saveNotes(span)) return;
-  // The kernel write-protects a page it writes back, some seconds after it was dirtied. Made
-  // writable again as often, no logging thread meets the fault; more often would cost the
-  // writer more than its batch.
-  thread_local std::chrono::steady_clock::time_point tNextPopulate;
-  auto now = std::chrono::steady_clock::now();
-  if (now >= tNextPopulate) {
-    populate(header, kTailFileSize);
-    tNextPopulate = now + kPopulateEvery;
-  }
+  saveNotes(span);
 }
 
 void attachTail(VekLogRecorder& recorder, int process) {
@@ -245,28 +272,56 @@ void attachTail(VekLogRecorder& recorder, int process) {
     if (tail.mOwner != &recorder) return;
     tail.mProcess = process;
     if (tail.mHeader != nullptr) retarget(*tail.mHeader, process);
-    tail.mWanted = true;
+    tail.mWanted = crashTailWanted();
     make = beginSetUp(tail);
     tail.mRecover |= 1u << process;
+    tail.mNextCheck = {};
   }
-  if (make) openTail(recorder, process);
+  // A dead process's tail waiting under the name is recovered first, by the writer, which then
+  // makes this one's: however often processes die, a name has one dead tail at a time.
+  if (make && deadTailWaiting(knownTarget(recorder, process))) {
+    std::lock_guard<std::mutex> lock(recorder.mMutex);
+    gTail->mMaking = false;
+  } else if (make) {
+    openTail(recorder, process);
+  }
   recorder.mCondition.notify_one();
 }
 
 std::function<void()> takeTailWork(VekLogRecorder& recorder) {
   Tail& tail = *gTail;
   if (tail.mOwner != &recorder) return nullptr;
-  if (beginSetUp(tail)) {
-    return [&recorder, process = tail.mProcess] { openTail(recorder, process); };
+  auto now = std::chrono::steady_clock::now();
+  // Another process under the name may have begun or died since: its tail is looked for too.
+  // Only with a batch to write, or another process to watch: an idle writer does nothing.
+  bool busy = !recorder.mTasks.empty() || tail.mWatch != 0;
+  if (now >= tail.mNextCheck && busy && tail.mProcess >= 0) {
+    tail.mNextCheck = now + kCheckEvery;
+    checkFile(tail);
+    tail.mRecover |= tail.mWatch | 1u << tail.mProcess;
   }
   unsigned recover = tail.mRecover;
   tail.mRecover = 0;
-  if (recover == 0) return nullptr;
-  return [&recorder, recover] {
-    for (int process = 0; recover >> process != 0; ++process) {
-      if (recover & (1u << process)) recoverTails(recorder, process);
-    }
-  };
+  if (recover != 0) {
+    return [&recorder, recover] {
+      unsigned living = 0;
+      for (int process = 0; recover >> process != 0; ++process) {
+        if ((recover & (1u << process)) && recoverTails(recorder, process)) living |= 1u << process;
+      }
+      std::lock_guard<std::mutex> lock(recorder.mMutex);
+      gTail->mWatch = (gTail->mWatch & ~recover) | living;
+    };
+  }
+  if (beginSetUp(tail)) {
+    return [&recorder, process = tail.mProcess] { openTail(recorder, process); };
+  }
+  return nullptr;
+}
+
+std::optional<std::chrono::steady_clock::time_point> tailWakeAt(const VekLogRecorder& recorder) {
+  const Tail& tail = *gTail;
+  if (tail.mOwner != &recorder || tail.mWatch == 0) return std::nullopt;
+  return tail.mNextCheck;
 }
 
 void closeTail(const VekLogRecorder& recorder, bool unmap) {
@@ -276,7 +331,7 @@ void closeTail(const VekLogRecorder& recorder, bool unmap) {
   unlink(tail.mPath.c_str());
   if (unmap) {
     munmap(tail.mHeader, kTailFileSize);
-    close(tail.mFd);
+    closeTailFile(tail.mFd);
   }
   tail.mHeader = nullptr;
 }
@@ -284,13 +339,54 @@ void closeTail(const VekLogRecorder& recorder, bool unmap) {
 void dropTailInChild() {
   Tail& tail = *gTail;
   tail.mRecover = 0;
+  tail.mWatch = 0;
   tail.mMaking = false;  // the thread that was making one stayed in the parent
   tail.mFailures = 0;
   tail.mNextTry = {};
   if (tail.mHeader == nullptr) return;
   munmap(tail.mHeader, kTailFileSize);
-  close(tail.mFd);  // the lock stays with the parent's descriptor
-  tail.mHeader = nullptr;
+  tail.mHeader = nullptr;  // its descriptor goes with the others
+}
+
+TailFile::TailFile(const std::string& path, int flags, mode_t mode) {
+  pthread_mutex_lock(&gFilesLock);
+  for (int& slot : gFiles) {
+    if (slot != -1) continue;
+    slot = mFd = openLogDirFile(path, flags, mode).release();
+    break;
+  }
+  pthread_mutex_unlock(&gFilesLock);
+}
+
+TailFile::~TailFile() {
+  if (mFd != -1) closeTailFile(mFd);
+}
+
+int TailFile::release() {
+  int fd = mFd;
+  mFd = -1;
+  return fd;
+}
+
+void closeTailFile(int fd) {
+  pthread_mutex_lock(&gFilesLock);
+  for (int& slot : gFiles) {
+    if (slot == fd) slot = -1;
+  }
+  close(fd);
+  pthread_mutex_unlock(&gFilesLock);
+}
+
+void lockTailFiles() { pthread_mutex_lock(&gFilesLock); }
+
+void unlockTailFiles() { pthread_mutex_unlock(&gFilesLock); }
+
+void closeTailFilesInChild() {
+  pthread_mutex_init(&gFilesLock, nullptr);
+  for (int& slot : gFiles) {
+    if (slot != -1) close(slot);
+    slot = -1;
+  }
 }
 
 }  // namespace vek

@@ -17,7 +17,9 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -115,14 +117,39 @@ bool saveNotes(const TailSpan& span);
 // that name before its next task.
 void attachTail(VekLogRecorder& recorder, int process);
 // The writer: completes a rotation of process's log file that a death cut short, then
-// recovers every dead tail of process (VekLogRecovery.cpp).
-void recoverTails(VekLogRecorder& recorder, int process);
-// Under mMutex: the writer's tail work (a recovery, a forked child's own tail), if any.
+// recovers every dead tail of process (VekLogRecovery.cpp). True when another living process
+// under the name has a tail, whose death the writer then watches for.
+bool recoverTails(VekLogRecorder& recorder, int process);
+// Whether a tail of a dead process under target's name waits for its recovery.
+struct LogTarget;
+bool deadTailWaiting(const LogTarget& target);
+// Under mMutex: the writer's tail work (a recovery, a set-up of this process's tail), if any.
 std::function<void()> takeTailWork(VekLogRecorder& recorder);
+// Under mMutex: when the writer, idle, is to look again for work on the tail (another process
+// under the name lives, whose death it watches for); none: it waits for a batch.
+std::optional<std::chrono::steady_clock::time_point> tailWakeAt(const VekLogRecorder& recorder);
 
 // The destructor: nothing is left to recover. The mapping goes only when nothing can use it.
 void closeTail(const VekLogRecorder& recorder, bool unmap);
 // A forked child never writes into its parent's tail; its writer makes one of its own.
 void dropTailInChild();
+
+// A descriptor of a tail file, opened as openLogDirFile does and registered, so that a forked
+// child closes it: the child shares its flock, which marks a tail's process as living. -1 when
+// it could not be opened.
+struct TailFile {
+  TailFile(const std::string& path, int flags, mode_t mode = 0);
+  ~TailFile();
+  TailFile(const TailFile&) = delete;
+  TailFile& operator=(const TailFile&) = delete;
+  int release();  // kept open past the object, closed with closeTailFile
+
+  int mFd = -1;
+};
+void closeTailFile(int fd);
+// Fork's handlers: no tail file is opened meanwhile, and the child closes every one.
+void lockTailFiles();
+void unlockTailFiles();
+void closeTailFilesInChild();
 
 }  // namespace vek

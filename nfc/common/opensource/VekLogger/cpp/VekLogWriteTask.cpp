@@ -79,7 +79,8 @@ LogFileLock::~LogFileLock() {
   if (mFd != -1) setLock(mFd, F_UNLCK);
 }
 
-bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span) {
+bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span,
+                 bool* written) {
   LogFileLock lock(target.mLogFilePath);
   if (!checkLogFileExceed(target, static_cast<int>(buff.size()))) {
     VEK_DIAG(ERROR) << "check log file excedd failed!";
@@ -93,7 +94,8 @@ bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const T
     return false;
   }
   tailWriting(span, st);
-  android::base::WriteFully(fd, buff.data(), buff.size());
+  bool whole = android::base::WriteFully(fd, buff.data(), buff.size());
+  if (written != nullptr) *written = whole;
   return true;
 }
 

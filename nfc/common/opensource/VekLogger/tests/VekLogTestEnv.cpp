@@ -53,6 +53,12 @@ int LogCapture::count(int priority, const std::string& text) {
   }));
 }
 
+int LogCapture::countStarting(const std::string& prefix) {
+  std::vector<Entry> all = entries();
+  return static_cast<int>(std::count_if(
+      all.begin(), all.end(), [&](const Entry& e) { return e.mText.rfind(prefix, 0) == 0; }));
+}
+
 WriterGate::WriterGate(VekLogRecorder* recorder) {
   std::shared_future<void> open = mOpen.get_future().share();
   std::promise<void> entered;
@@ -144,6 +150,14 @@ std::vector<std::string> archives(const std::string& dir) {
 }
 
 std::vector<std::string> NfcProcessTest::archives() { return vektest::archives(dir); }
+
+std::vector<std::string> tailsIn(const std::string& dir) {
+  std::vector<std::string> names = listDir(dir, true);
+  names.erase(std::remove_if(names.begin(), names.end(),
+                             [](const std::string& n) { return n.find(".tail") == n.npos; }),
+              names.end());
+  return names;
+}
 
 void NfcProcessTest::sparseLog(off_t size) {
   writeFile(log, "");

@@ -44,6 +44,7 @@ struct LogCapture {
   std::vector<Entry> entries();
   void clear();
   int count(int priority, const std::string& text);  // entries with exactly this text
+  int countStarting(const std::string& prefix);      // entries whose text begins so
 
   std::mutex mMutex;
   std::vector<Entry> mEntries;
@@ -68,6 +69,7 @@ bool exists(const std::string& path);
 // Sorted; the library's own files (a dot first) only with hidden.
 std::vector<std::string> listDir(const std::string& dir, bool hidden = false);
 std::vector<std::string> archives(const std::string& dir);  // "nfc_process"'s, sorted
+std::vector<std::string> tailsIn(const std::string& dir);   // crash tails, whatever their state
 // Decompresses with the gzip program, as a field engineer would.
 std::string gunzip(const std::string& path);
 // The standard output of a shell command, which must exit with 0.

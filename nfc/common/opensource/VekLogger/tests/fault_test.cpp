@@ -101,47 +101,56 @@ TEST_F(FaultTest, AppendFailsWhileTheFaultHoldsThenResumes) {
 }
 
 // Failed rotations keep the log file, leave no cut archive and prune one old archive in all.
+// Then a rotation cut by a death (its log file moved aside, its archive a part file) meets the
+// full disk: the text moved aside stays, and no rotation may replace it, until space is freed
+// and the repair archives it first.
 TEST_F(FaultTest, FullDiskDuringRotationsCostsOneArchiveAtMost) {
   if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=128k") != 0) GTEST_SKIP() << "needs root";
   for (int i = 0; i < 5; ++i) writeFile(dir + "nfc_process_2000010" + std::to_string(i), "old");
   std::vector<std::string> kept = archives();
   sparseLog(kLimit - 10);
-  android::base::unique_fd filler(open((dir + "filler").c_str(), O_WRONLY | O_CREAT, 0600));
-  EXPECT_FALSE(android::base::WriteFully(filler, std::string(1 << 20, 'f').data(), 1 << 20));
-
+  android::base::unique_fd filler;
+  auto fill = [&] {
+    filler.reset(open((dir + "filler").c_str(), O_WRONLY | O_CREAT, 0600));
+    EXPECT_FALSE(android::base::WriteFully(filler, std::string(1 << 20, 'f').data(), 1 << 20));
+  };
+  auto free = [&] {
+    filler.reset();
+    ASSERT_EQ(0, unlink((dir + "filler").c_str()));
+  };
+  fill();
   for (int attempt = 0; attempt < 3; ++attempt) EXPECT_FALSE(recorder->checkLogFileExceed(100));
   EXPECT_EQ(3, diag.count(ANDROID_LOG_ERROR, "checkLogFileExceed: Failed to compressGzip!"));
   kept.erase(kept.begin());  // the first attempt makes room for its archive
   EXPECT_EQ(kept, archives());
-  filler.reset();
-  ASSERT_EQ(0, unlink((dir + "filler").c_str()));
-  EXPECT_TRUE(recorder->checkLogFileExceed(100));
-  ASSERT_EQ(5u, archives().size());
-  EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + archives().back()));
-}
 
-// A rotation cut by a death (its log file moved aside, its archive a part file) meets a full
-// disk when it is completed: the text moved aside stays, and no rotation may replace it,
-// until space is freed and the repair archives it.
-TEST_F(FaultTest, RepairUnderAFullDiskKeepsTheTextItMovedAside) {
-  if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=128k") != 0) GTEST_SKIP() << "needs root";
+  free();
   std::string old = vektest::logText(20000);
   writeFile(log + ".rotating", old);
   writeFile(dir + ".nfc_process.veklog.gz.part", "");
-  sparseLog(kLimit - 10);
-  android::base::unique_fd filler(open((dir + "filler").c_str(), O_WRONLY | O_CREAT, 0600));
-  EXPECT_FALSE(android::base::WriteFully(filler, std::string(1 << 20, 'f').data(), 1 << 20));
-
+  fill();
   EXPECT_FALSE(logAndFlush("past the limit"));
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "checkLogFileExceed: Failed to repairRotation!"));
   EXPECT_TRUE(old == readFile(log + ".rotating"));
-  filler.reset();
-  ASSERT_EQ(0, unlink((dir + "filler").c_str()));
+  free();
   EXPECT_TRUE(logAndFlush("once freed"));
-  ASSERT_EQ(2u, archives().size());
-  EXPECT_TRUE(old == vektest::gunzip(dir + archives()[0])) << "the older text, archived first";
-  EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + archives()[1]));
+  std::vector<std::string> made = archives();
+  ASSERT_EQ(5u, made.size());
+  EXPECT_TRUE(old == vektest::gunzip(dir + made[3])) << "the older text, archived first";
+  EXPECT_EQ(std::string(kLimit - 10, '\0'), vektest::gunzip(dir + made[4]));
   EXPECT_FALSE(vektest::exists(log + ".rotating"));
+}
+
+// The log directory moved away and made again while the process runs: the writer finds its
+// crash tail gone at its next look, and makes one again, with one diagnostic.
+TEST_F(FaultTest, CrashTailLostWithItsDirectoryIsMadeAgain) {
+  ASSERT_EQ(1u, vektest::tailsIn(dir).size());
+  ASSERT_EQ(0, rename(dir.c_str(), (root.mRoot + "/moved").c_str()));
+  ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
+  recorder->attchProcess("nfc_process");
+  EXPECT_TRUE(logAndFlush("after"));
+  EXPECT_EQ(1u, vektest::tailsIn(dir).size());
+  EXPECT_EQ(1, diag.countStarting("Crash tail was removed or cut, made again: " + dir + ".nfc"));
 }
 
 // Entries planted in the directory. A non-empty directory among the archives (unlink fails

@@ -26,6 +26,7 @@
 
 using vektest::archives;
 using vektest::readFile;
+using vektest::tailsIn;
 
 namespace {
 
@@ -57,15 +58,6 @@ size_t countOf(const std::string& text, const std::string& part) {
   size_t found = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) found++;
   return found;
-}
-
-// The crash tails in dir, whatever their state.
-std::vector<std::string> tailsIn(const std::string& dir) {
-  std::vector<std::string> names = vektest::listDir(dir, true);
-  names.erase(std::remove_if(names.begin(), names.end(),
-                             [](const std::string& n) { return n.find(".tail") == n.npos; }),
-              names.end());
-  return names;
 }
 
 struct LogsWhenDestroyed {
@@ -259,14 +251,38 @@ TEST_F(Lifecycle, LoggingGoesOnWithoutACrashTailUntilItCanBeMade) {
               rename((dir + "-gone").c_str(), dir.c_str());
               sleep(2);
               if (!vekWaitForWriter(10) || tailsIn(dir).empty()) return 3;
-              int warned = 0;
-              for (const vektest::Entry& e : diag.entries()) {
-                warned +=
-                    e.mText.rfind("Failed to set up crash tail: " + dir + "/.nfc_process", 0) == 0;
-              }
-              return warned == 1 ? 0 : 4;
+              return diag.countStarting("Failed to set up crash tail: " + dir + "/.nfc") == 1 ? 0
+                                                                                              : 4;
             }));
   EXPECT_EQ(1u, countOf(readFile(log), " T: logged all the same\n"));
+}
+
+// A process under the name dies while another lives (a restart while the old one still dies):
+// the survivor appends the dead one's lines, without attaching again.
+TEST_F(Lifecycle, TheSurvivorRecoversASiblingsLines) {
+  auto* ready = static_cast<std::atomic<int>*>(
+      mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  pid_t old = fork();
+  if (old == 0) {
+    alarm(kLimitSeconds);
+    attach();
+    for (int i = 0; i < 50; ++i) __vek_log_i("T", "old %d", i);
+    *ready = 1;
+    pause();
+  }
+  while (*ready == 0) usleep(1000);
+  EXPECT_EQ("exit 0", statusOf([old, this] {
+              attach();
+              if (!vekWaitForWriter(10)) return 1;
+              kill(old, SIGKILL);
+              for (int waited = 0; waited < 1000; ++waited, usleep(10000)) {
+                if (countOf(readFile(log), " T: old 49\n") == 1) return 0;
+              }
+              return 2;
+            }));
+  waitpid(old, nullptr, 0);
+  std::string text = readFile(log);
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(1u, countOf(text, " old " + std::to_string(i) + "\n"));
 }
 
 // Loggers of both platform layers forward every entry back into the library: its own
