@@ -8,6 +8,7 @@
 
 #include "VekLogDiag.h"
 #include "VekLogLifecycle.h"
+#include "VekLogStats.h"
 #include "VekLogTail.h"
 #include "VekLogger.h"
 
@@ -149,6 +150,7 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
     }
     size_t before = recorder.mBuffer.size();
     appendLine(recorder.mBuffer, level, ids, lineTag, message.data() + start, stop - start);
+    ++gStats->mLinesRecorded;
     tailAppend(recorder, recorder.mBuffer.data() + before, recorder.mBuffer.size() - before);
     if (recorder.mBuffer.size() > recorder.mFlushThreshold) {
       recorder.sendBuffToWorker(std::move(recorder.mBuffer), nullptr);
@@ -185,6 +187,7 @@ bool VekLogRecorder::saveLogsToFile(bool wait) {
     size = mBuffer.size();
     attached = mAttached;
     if (attached && size != 0) {
+      ++vek::gStats->mFlushes;
       queued = vek::handOver(*this, std::move(mBuffer), promise, announced.get_future().share());
     }
   }
@@ -194,6 +197,8 @@ bool VekLogRecorder::saveLogsToFile(bool wait) {
   if (size == 0) return true;
   if (!wait) return queued;
   if (done.wait_for(kFlushTimeout) != std::future_status::ready) {
+    vek::count(vek::gStats->mFlushTimeouts);
+    vek::noteFailure(vek::kFailFlush);
     VEK_DIAG(ERROR) << "saving logs timeout!";
     return false;
   }

@@ -13,6 +13,7 @@
 
 #include "VekLogDiag.h"
 #include "VekLogPlatform.h"
+#include "VekLogStats.h"
 #include "VekLogTail.h"
 
 namespace vek {
@@ -64,6 +65,7 @@ bool takeTask(VekLogRecorder* recorder, std::function<void()>* task, bool* worke
     recorder->mTasks.pop_front();
   }
   recorder->mWriterState = kWriterInTask;
+  noteStep(kStepNone);
   return true;
 }
 
@@ -86,6 +88,7 @@ void writerLoop(VekLogRecorder* recorder) {
     task();
     task = nullptr;
     if (!advance(recorder, kWriterInTask, kWriterIdle)) return;
+    noteStep(kStepNone);
   }
   recorder->mWriterState = kWriterStopped;
 }
@@ -136,6 +139,7 @@ void unlockInParent() {
 void resetInChild() {
   pthread_rwlock_init(&gLibbaseLines, nullptr);
   closeTailFilesInChild();
+  gStats->mForkedFrom = getppid();
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   if (!gForkLocked) return;
   new (&recorder->mMutex) std::mutex;
@@ -177,5 +181,7 @@ VekLogRecorder::~VekLogRecorder() {
   mClosed = true;
   bool idle = vek::waitUntil([this] { return mUsers == 0; });
   bool stopped = !mWorker.joinable() || vek::stopWriter(*this);
+  // The writer no longer takes tasks: what is left is discarded.
+  vek::count(vek::gStats->mDroppedAtExit, mTasks.size() + (mBuffer.empty() ? 0 : 1));
   vek::closeTail(*this, idle && stopped);
 }

@@ -1,9 +1,11 @@
 // The recorder object: thresholds, attachment and the writer thread.
 #include <cutils/properties.h>
+#include <stdio.h>
 
 #include "VekLogDiag.h"
 #include "VekLogLifecycle.h"
 #include "VekLogPlatform.h"
+#include "VekLogStats.h"
 #include "VekLogStorage.h"
 #include "VekLogger.h"
 
@@ -80,6 +82,7 @@ VekLogRecorder::VekLogRecorder()
 void VekLogRecorder::initFeatureLevel() {
   char value[PROPERTY_VALUE_MAX] = {};
   int ret = property_get("persist.vendor.vek.nfc.log", value, "55");
+  snprintf(vek::gStats->mLevelProperty, sizeof(vek::gStats->mLevelProperty), "%s", value);
   if (ret <= 0) {
     VEK_DIAG(WARNING) << "VekLogRecorder: Error in property_get! ret = " << ret;
     mPrintLevel = kDefaultLevel;

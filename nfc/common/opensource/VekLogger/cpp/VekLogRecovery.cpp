@@ -23,6 +23,7 @@
 
 #include "VekLogDiag.h"
 #include "VekLogLifecycle.h"
+#include "VekLogStats.h"
 #include "VekLogStorage.h"
 #include "VekLogTail.h"
 
@@ -114,7 +115,9 @@ bool appendRun(VekLogRecorder& recorder, const std::vector<char>& text, uint64_t
   std::vector<char> run(text.begin() + static_cast<ptrdiff_t>(from - base),
                         text.begin() + static_cast<ptrdiff_t>(to - base));
   bool written = false;
-  return appendBatch(knownTarget(recorder, process), run, span, &written) && written;
+  if (!appendBatch(knownTarget(recorder, process), run, span, &written) || !written) return false;
+  count(gStats->mRecoveredBytes, run.size());
+  return true;
 }
 
 // Appends the proven part of a dead process's text to the log files its lines were meant for,
@@ -167,6 +170,7 @@ Outcome replay(VekLogRecorder& recorder, int fd, TailImage& image) {
   }
   header.mLostDone = header.mLostLogged.load();
   saveNotes(notes);
+  count(gStats->mLostReported, lost);
   return kDone;
 }
 
@@ -200,11 +204,13 @@ bool recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::s
   // Closed: its process exited, which discards what is pending.
   Outcome outcome = image.header().mClosed ? kDone : replay(recorder, fd.mFd, image);
   if (outcome == kDone) {
+    count(gStats->mRecoveredTails);
     unlink(marked.c_str());
   } else if (outcome == kDamaged) {
     setAside(target, marked, base, "damaged after its whole lines");
   } else {
     rename(marked.c_str(), path.c_str());  // no death: tried again at the next attachment
+    noteFailure(kFailRecovery);
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to recover crash tail, kept: %s",
                                                    "recoverTails", path.c_str());
   }

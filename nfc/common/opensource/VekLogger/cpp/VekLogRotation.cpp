@@ -29,6 +29,7 @@
 #include <algorithm>
 
 #include "VekLogDiag.h"
+#include "VekLogStats.h"
 #include "VekLogStorage.h"
 #include "VekLogger.h"
 
@@ -154,16 +155,8 @@ bool archiveLogFile(const LogTarget& target, std::string* left) {
   return archiveFile(target, input, target.mLogFilePath, true, left);
 }
 
-}  // namespace
-
-bool checkLogFileExceed(const LogTarget& target, int size) {
-  // The entry itself: a planted link's target is not the log.
-  struct stat st;
-  int64_t fileSize = lstat(target.mLogFilePath.c_str(), &st) == 0 ? st.st_size : 0;
-  int64_t total = fileSize + static_cast<int64_t>(size);
-  if (static_cast<uint64_t>(total) <= target.mMaxFileSize) return true;
-
-  VEK_DIAG(INFO) << "fileSize is full: " << total;
+// The rotation of checkLogFileExceed, once the file would pass the limit.
+bool rotate(const LogTarget& target) {
   if (!repairRotation(target)) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to repairRotation!",
                                                    "checkLogFileExceed");
@@ -189,6 +182,23 @@ bool checkLogFileExceed(const LogTarget& target, int size) {
     return false;
   }
   return true;
+}
+
+}  // namespace
+
+bool checkLogFileExceed(const LogTarget& target, int size) {
+  // The entry itself: a planted link's target is not the log.
+  struct stat st;
+  int64_t fileSize = lstat(target.mLogFilePath.c_str(), &st) == 0 ? st.st_size : 0;
+  int64_t total = fileSize + static_cast<int64_t>(size);
+  if (static_cast<uint64_t>(total) <= target.mMaxFileSize) return true;
+
+  VEK_DIAG(INFO) << "fileSize is full: " << total;
+  noteStep(kStepCompression);
+  bool rotated = rotate(target);
+  count(rotated ? gStats->mRotations : gStats->mRotationsFailed);
+  if (!rotated) noteFailure(kFailRotation);
+  return rotated;
 }
 
 bool repairRotation(const LogTarget& target) {

@@ -22,6 +22,7 @@
 #include "VekLogDiag.h"
 #include "VekLogLifecycle.h"
 #include "VekLogPlatform.h"
+#include "VekLogStats.h"
 #include "VekLogStorage.h"
 #include "VekLogger.h"
 
@@ -153,6 +154,7 @@ void openTail(VekLogRecorder& recorder, int process) {
     Tail& tail = *gTail;
     tail.mMaking = false;
     if (!ok) {
+      noteFailure(kFailTail);
       first = tail.mFailures == 0 && !tail.mRemade;
       tail.mNextTry = std::chrono::steady_clock::now() +
                       kRetryFirst * (1 << std::min(tail.mFailures, kRetryDoublings));
@@ -322,6 +324,17 @@ std::optional<std::chrono::steady_clock::time_point> tailWakeAt(const VekLogReco
   const Tail& tail = *gTail;
   if (tail.mOwner != &recorder || tail.mWatch == 0) return std::nullopt;
   return tail.mNextCheck;
+}
+
+TailReport tailReport(const VekLogRecorder& recorder) {
+  const Tail& tail = *gTail;
+  TailReport report{};
+  if (tail.mHeader == nullptr || tail.mOwner != &recorder) return report;
+  report.mMade = true;
+  snprintf(report.mPath, sizeof(report.mPath), "%s", tail.mPath.c_str());
+  report.mPending = tail.mHead - tail.mHeader->mTail.load(std::memory_order_acquire);
+  report.mLost = tail.mHeader->mLostLogged.load() - tail.mHeader->mLostDone.load();
+  return report;
 }
 
 void closeTail(const VekLogRecorder& recorder, bool unmap) {

@@ -129,6 +129,15 @@ std::function<void()> takeTailWork(VekLogRecorder& recorder);
 // under the name lives, whose death it watches for); none: it waits for a batch.
 std::optional<std::chrono::steady_clock::time_point> tailWakeAt(const VekLogRecorder& recorder);
 
+// Under mMutex: this process's tail, for a dump.
+struct TailReport {
+  bool mMade;
+  char mPath[256];
+  uint64_t mPending;  // bytes whose batch is not yet appended
+  uint64_t mLost;     // bytes the ring had no room for, not yet reported
+};
+TailReport tailReport(const VekLogRecorder& recorder);
+
 // The destructor: nothing is left to recover. The mapping goes only when nothing can use it.
 void closeTail(const VekLogRecorder& recorder, bool unmap);
 // A forked child never writes into its parent's tail; its writer makes one of its own.

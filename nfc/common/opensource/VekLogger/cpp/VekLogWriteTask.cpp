@@ -9,6 +9,7 @@
 #include "VekLogDiag.h"
 #include "VekLogLifecycle.h"
 #include "VekLogPlatform.h"
+#include "VekLogStats.h"
 #include "VekLogStorage.h"
 #include "VekLogger.h"
 
@@ -82,6 +83,7 @@ LogFileLock::~LogFileLock() {
 bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span,
                  bool* written) {
   LogFileLock lock(target.mLogFilePath);
+  noteStep(kStepSizeCheck);
   if (!checkLogFileExceed(target, static_cast<int>(buff.size()))) {
     VEK_DIAG(ERROR) << "check log file excedd failed!";
     return false;
@@ -90,21 +92,34 @@ bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const T
   android::base::unique_fd fd =
       openLogDirFile(target.mLogFilePath, O_WRONLY | O_APPEND | O_CREAT, 0640, &st);
   if (fd == -1) {
+    noteFailure(kFailAppend);
     VEK_DIAG(ERROR) << "Failed to append file: " << target.mLogFilePath;
     return false;
   }
   tailWriting(span, st);
+  noteStep(kStepAppend);
   bool whole = android::base::WriteFully(fd, buff.data(), buff.size());
+  if (!whole) noteFailure(kFailAppend);
   if (written != nullptr) *written = whole;
   return true;
 }
 
 void runWriteTask(const LogTarget& target, std::vector<char>& buff,
                   const std::shared_ptr<std::promise<int>>& promise, const TailSpan& span) {
-  if (target.mProcessName == kKernelLogProcess) appendKernelLog(buff);
+  if (target.mProcessName == kKernelLogProcess) {
+    noteStep(kStepKernelLog);
+    appendKernelLog(buff);
+  }
   VEK_DIAG(INFO) << "writting buffer size: " << buff.size();
   // appendBatch has closed the file by now, so a woken waiter finds the text in it.
-  int completion = appendBatch(target, buff, span) ? 0 : 1;
+  bool written = false;
+  int completion = appendBatch(target, buff, span, &written) ? 0 : 1;
+  if (written) {
+    count(gStats->mBatchesAppended);
+    count(gStats->mBytesAppended, buff.size());
+  } else {
+    count(gStats->mDroppedWrite);
+  }
   tailDone(span);
   if (promise) promise->set_value(completion);
 }
@@ -122,12 +137,18 @@ bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
   if (recorder.mRestartWriter) {
     // Dropped, so that memory stays bounded. Its lines stay in the crash tail until a writer
     // appends a later batch: a death meanwhile leaves them to the next process.
+    ++gStats->mDroppedNoWriter;
+    noteFailure(kFailNoWriter);
     buff.clear();
     if (promise) promise->set_value(1);
     return false;
   }
+  ++gStats->mBatchesHandedOver;
+  gStats->mBytesHandedOver += buff.size();
+  count(gStats->mBytesQueued, buff.size());
   recorder.mTasks.emplace_back([target = currentTarget(recorder), text = std::move(buff),
                                 promise = std::move(promise), announced, span]() mutable {
+    gStats->mBytesQueued.fetch_sub(text.size(), std::memory_order_relaxed);
     if (announced.valid()) announced.wait();
     runWriteTask(target, text, promise, span);
   });

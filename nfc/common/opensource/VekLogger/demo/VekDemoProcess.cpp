@@ -123,6 +123,11 @@ void runProcess(int index, int firstThread, const Options& options, Shared& shar
   vekWaitForWriter(30);
   feederStop = true;
   if (feeder.joinable()) feeder.join();
+  // What the process would hand a bug report, printed by the demo at its end.
+  std::string dump = options.mRoot + "/" + kProcessNames[index] + ".dump";
+  int fd = open(dump.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  __vek_dump_state(fd);
+  close(fd);
   gStats->mFinished = true;
   exit(0);
 }

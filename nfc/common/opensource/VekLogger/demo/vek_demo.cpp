@@ -175,6 +175,16 @@ int main(int argc, char** argv) {
   }
   bool ok = checkFiles(options, shared) && exited;
   if (!exited) printf("\na demo process did not exit cleanly\n");
+  for (const char* name : kProcessNames) {
+    printf("\n== %s, as __vek_dump_state reports it at its end\n", name);
+    fflush(stdout);
+    std::string dump = options.mRoot + "/" + name + ".dump";
+    if (int fd = open(dump.c_str(), O_RDONLY | O_CLOEXEC); fd != -1) {
+      char chunk[4096];
+      for (ssize_t got; (got = read(fd, chunk, sizeof(chunk))) > 0;) fwrite(chunk, 1, got, stdout);
+      close(fd);
+    }
+  }
   printf("\n%s: files left under %s\n", ok ? "PASS" : "FAIL", options.mRoot.c_str());
   return ok ? 0 : 1;
 }

@@ -40,12 +40,12 @@
 //   and no lock on the logging path; the first write to a page the kernel has written back
 //   takes a minor fault. Only pages lines are written to are ever dirtied: measured on ext4
 //   with 30 s writeback, the tail adds about 40 MiB a day of device writes at 1 line/s and
-//   200 MiB at 20 lines/s (2.8 times the text in all, with the log file). The ring holds 1 MiB, what the writer leaves pending while it
-//   compresses a full file (about a second) at the heaviest rate seen, 0.9 MiB/s; lines that
-//   find it full are not protected, and a recovery says how many bytes were lost, in a
-//   WARNING diagnostic and a W line of the log file. Cost: 1 MiB + 4 KiB of disk per living
-//   process, reserved before mapping so that a full disk never raises SIGBUS, and as much
-//   resident page cache. The file is 0640, close-on-exec, opened without following links,
+//   200 MiB at 20 lines/s (2.8 times the text in all, with the log file). The ring holds 1 MiB,
+//   what the writer leaves pending while it compresses a full file (about a second) at the heaviest
+//   rate seen, 0.9 MiB/s; lines that find it full are not protected, and a recovery says how many
+//   bytes were lost, in a WARNING diagnostic and a W line of the log file. Cost: 1 MiB + 4 KiB of
+//   disk per living process, reserved before mapping so that a full disk never raises SIGBUS, and
+//   as much resident page cache. The file is 0640, close-on-exec, opened without following links,
 //   and holds a lock (flock) while its process lives: a locked tail is never recovered, so
 //   two processes under one name never take each other's lines. A forked child unmaps its
 //   parent's tail and closes every tail file it inherited, so it never holds another's lock;
@@ -57,10 +57,10 @@
 //   that the file is still whole at its name; one removed (its directory too) or cut is made
 //   again, with one WARNING ("Crash tail was removed or cut, made again: <path>"). Only the
 //   process's own user (or root) can cut it; a cut reaching a page a thread then writes
-//   raises SIGBUS in the process, as with any shared mapping. A failure to set it up leaves logging as it was, with one WARNING per
-//   process ("Failed to set up crash tail: <path>"); the writer tries again at the first batch
-//   1 s after a failure, the wait doubling with each failure up to 64 s. vek_tail (tools/)
-//   prints a tail's lines for a process that died and was not restarted.
+//   raises SIGBUS in the process, as with any shared mapping. A failure to set it up leaves logging
+//   as it was, with one WARNING per process ("Failed to set up crash tail: <path>"); the writer
+//   tries again at the first batch 1 s after a failure, the wait doubling with each failure up to
+//   64 s. vek_tail (tools/) prints a tail's lines for a process that died and was not restarted.
 // - A dead process's tail is untrusted input: it is read with pread and every value checked
 //   before use; only its leading whole lines are appended. A tail that fails a check, or whose
 //   recovery began twice without finishing (the recovering process died each time), is set
@@ -180,6 +180,14 @@ VEK_EXPORT void __vek_log_e(const char* tag, const char* fmt, ...)
 
 // Hands the buffered text to the writer and waits up to 2 seconds for it to reach the file.
 VEK_EXPORT bool __vek_save_log_now(void);
+
+// Writes a short plain-text report of the library's own state to fd, for a HAL's dump(): the
+// process and its files, the thresholds, the writer's state and step, what is queued, and
+// since start how many lines were recorded, appended, dropped (and why), recovered and lost,
+// the rotations and flushes, and the last failure of each kind. Safe from any thread at any
+// moment (before attachment, in a forked child, during exit): it never waits for the writer,
+// and gives up on an fd that does not take the text.
+VEK_EXPORT void __vek_dump_state(int fd);
 }
 
 // The one recorder of the process. Thresholds and the size limits are fixed at construction;

@@ -120,6 +120,22 @@ std::string runCommand(const std::string& command) {
   return output;
 }
 
+std::string dumpState() {
+  int ends[2];
+  if (pipe(ends) != 0) return "";
+  __vek_dump_state(ends[1]);
+  close(ends[1]);
+  std::string text;
+  android::base::ReadFdToString(ends[0], &text);
+  close(ends[0]);
+  return text;
+}
+
+long long dumpCount(const std::string& dump, const std::string& label) {
+  size_t at = dump.find(label);
+  return at == std::string::npos ? -1 : atoll(dump.c_str() + at + label.size());
+}
+
 std::string gunzip(const std::string& path) { return runCommand("gzip -dc '" + path + "'"); }
 
 void NfcProcessTest::SetUp() {

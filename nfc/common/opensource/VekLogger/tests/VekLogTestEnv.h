@@ -72,6 +72,10 @@ std::vector<std::string> archives(const std::string& dir);  // "nfc_process"'s, 
 std::vector<std::string> tailsIn(const std::string& dir);   // crash tails, whatever their state
 // Decompresses with the gzip program, as a field engineer would.
 std::string gunzip(const std::string& path);
+// What __vek_dump_state writes, read through a pipe.
+std::string dumpState();
+// The number after label in a dump ("flushes: " -> 3), or -1.
+long long dumpCount(const std::string& dump, const std::string& label);
 // The standard output of a shell command, which must exit with 0.
 std::string runCommand(const std::string& command);
 

@@ -35,6 +35,14 @@ struct FaultTest : vektest::NfcProcessTest {
   bool inLog(const std::string& text) {
     return readFile(log).find("Fault: " + text + "\n") != std::string::npos;
   }
+  // Records text and waits, however long a rotation takes (an emulator), until the writer has
+  // run its batch; true when it reached the file.
+  bool logAndWait(const std::string& text) {
+    recorder->record(4, "Fault", text);
+    recorder->saveLogsToFile(false);
+    vektest::WriterGate{recorder}.release();
+    return inLog(text);
+  }
   void TearDown() override { umount2(dir.c_str(), MNT_DETACH); }  // a tmpfs a case mounted
 
   std::string secret = root.mRoot + "/secret";  // beside the log directories, not in one
@@ -42,8 +50,8 @@ struct FaultTest : vektest::NfcProcessTest {
 
 // Whatever stands at the log file's path, the batch is dropped at once with a diagnostic, never
 // written through a link or into a FIFO. A write that fails past the open (file-size limit or a
-// full disk) goes unnoticed. The next batch lands once the fault clears. Each case starts after
-// the last one's log file was deleted, which no batch may still reach.
+// full disk) goes unnoticed but by a dump. The next batch lands once the fault clears. Each case
+// starts after the last one's log file was deleted, which no batch may still reach.
 TEST_F(FaultTest, AppendFailsWhileTheFaultHoldsThenResumes) {
   int fifoReader = -1;
   signal(SIGXFSZ, SIG_IGN);
@@ -75,7 +83,11 @@ TEST_F(FaultTest, AppendFailsWhileTheFaultHoldsThenResumes) {
   };
   for (const auto& c : cases) {
     ASSERT_EQ(0, c.mBreak()) << c.mWhat;
+    long long dropped = vektest::dumpCount(vektest::dumpState(), "dropped batches: ");
     EXPECT_EQ(!c.mNoticed, logAndFlush("while broken")) << c.mWhat;
+    // Noticed or not, a dump counts the batch as dropped.
+    EXPECT_EQ(dropped + 1, vektest::dumpCount(vektest::dumpState(), "dropped batches: "))
+        << c.mWhat;
     EXPECT_EQ(c.mNoticed ? 1 : 0, diag.count(ANDROID_LOG_ERROR, "Failed to append file: " + log))
         << c.mWhat;
     EXPECT_EQ(0, diag.count(ANDROID_LOG_ERROR, "saving logs timeout!"))
@@ -133,7 +145,7 @@ TEST_F(FaultTest, FullDiskDuringRotationsCostsOneArchiveAtMost) {
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "checkLogFileExceed: Failed to repairRotation!"));
   EXPECT_TRUE(old == readFile(log + ".rotating"));
   free();
-  EXPECT_TRUE(logAndFlush("once freed"));
+  EXPECT_TRUE(logAndWait("once freed"));
   std::vector<std::string> made = archives();
   ASSERT_EQ(5u, made.size());
   EXPECT_TRUE(old == vektest::gunzip(dir + made[3])) << "the older text, archived first";
@@ -181,7 +193,7 @@ TEST_F(FaultTest, PlantedEntriesStopRotationsOnlyAsArchives) {
 
   ASSERT_EQ(0, unlink((stuck + "/keep").c_str()));
   ASSERT_EQ(0, rmdir(stuck.c_str()));
-  EXPECT_TRUE(logAndFlush(std::string(5000, 'r')));
+  EXPECT_TRUE(logAndWait(std::string(5000, 'r')));
   EXPECT_FALSE(inLog("fits under the limit")) << "rotated";
   EXPECT_NE(std::string::npos,
             vektest::gunzip(dir + archives().back()).find("Fault: fits under the limit\n"));

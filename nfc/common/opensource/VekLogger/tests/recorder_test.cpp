@@ -163,8 +163,13 @@ TEST_F(RecorderTest, FlushTimesOutBehindAStalledWriterAndTheTextFollows) {
   ASSERT_EQ(0, mkfifo(node.c_str(), 0600));
   int driver = open(node.c_str(), O_RDWR);
   recorder->record(4, "T", "stalled");
+  long long timeouts = vektest::dumpCount(vektest::dumpState(), "timed out: ");
   EXPECT_FALSE(recorder->saveLogsToFile(true));
   EXPECT_EQ(1, diag.count(ANDROID_LOG_ERROR, "saving logs timeout!"));
+  // A dump never waits for the writer: it says where it is stuck.
+  std::string dump = vektest::dumpState();
+  EXPECT_NE(std::string::npos, dump.find("writer: in a task, kernel log since ")) << dump;
+  EXPECT_EQ(timeouts + 1, vektest::dumpCount(dump, "timed out: ")) << dump;
 
   unlink(node.c_str());
   ASSERT_EQ(5, write(driver, "klog\n", 5));
