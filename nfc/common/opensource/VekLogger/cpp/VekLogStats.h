@@ -32,8 +32,8 @@ struct Stats {
   uint64_t mDroppedNoWriter = 0;
   uint64_t mFlushes = 0;
   std::atomic<uint64_t> mBytesQueued{0};  // added at a hand-over, taken off as its task starts
-  // The writer's.
-  std::atomic<uint64_t> mBatchesAppended{0};
+  // The writer's, on cache lines of their own: logging threads never wait for them.
+  alignas(64) std::atomic<uint64_t> mBatchesAppended{0};
   std::atomic<uint64_t> mBytesAppended{0};
   std::atomic<uint64_t> mDroppedWrite{0};
   std::atomic<uint64_t> mRotations{0};
