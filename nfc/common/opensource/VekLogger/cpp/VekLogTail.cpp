@@ -276,16 +276,17 @@ void attachTail(VekLogRecorder& recorder, int process) {
     if (tail.mHeader != nullptr) retarget(*tail.mHeader, process);
     tail.mWanted = crashTailWanted();
     make = beginSetUp(tail);
-    tail.mRecover |= 1u << process;
-    tail.mNextCheck = {};
   }
   // A dead process's tail waiting under the name is recovered first, by the writer, which then
-  // makes this one's: however often processes die, a name has one dead tail at a time.
-  if (make && deadTailWaiting(knownTarget(recorder, process))) {
+  // makes this one's: however often processes die, a name has one dead tail at a time. The
+  // writer is asked only once the look is over: it takes the locks the look takes.
+  bool waiting = make && deadTailWaiting(knownTarget(recorder, process));
+  if (make && !waiting) openTail(recorder, process);
+  {
     std::lock_guard<std::mutex> lock(recorder.mMutex);
-    gTail->mMaking = false;
-  } else if (make) {
-    openTail(recorder, process);
+    if (waiting) gTail->mMaking = false;
+    gTail->mRecover |= 1u << process;
+    gTail->mNextCheck = {};
   }
   recorder.mCondition.notify_one();
 }

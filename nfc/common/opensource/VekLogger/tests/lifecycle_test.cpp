@@ -285,6 +285,29 @@ TEST_F(Lifecycle, TheSurvivorRecoversASiblingsLines) {
   for (int i = 0; i < 50; ++i) EXPECT_EQ(1u, countOf(text, " old " + std::to_string(i) + "\n"));
 }
 
+// A running process attaches again soon after its writer's last task, a dead process's tail
+// having appeared meanwhile: its lines are appended then.
+TEST_F(Lifecycle, EveryAttachmentRecovers) {
+  std::string dir = root.path("/data/vendor/nfc/");
+  std::string aside = root.mRoot + "/aside";
+  statusOf([] {
+    attach();
+    for (int i = 0; i < 20; ++i) __vek_log_i("T", "dead %d", i);
+    return raise(SIGKILL);
+  });
+  std::vector<std::string> tails = tailsIn(dir);
+  ASSERT_EQ(1u, tails.size());
+  ASSERT_EQ(0, rename((dir + tails[0]).c_str(), aside.c_str()));
+  EXPECT_EQ("exit 0", statusOf([&] {
+              attach();
+              if (!vekWaitForWriter(10) || rename(aside.c_str(), (dir + tails[0]).c_str()))
+                return 1;
+              attach();
+              return vekWaitForWriter(10) ? 0 : 2;
+            }));
+  EXPECT_EQ(20u, countOf(readFile(log), " T: dead "));
+}
+
 // Loggers of both platform layers forward every entry back into the library: its own
 // diagnostics and prints come back on the same thread, and nothing may deadlock.
 TEST_F(Lifecycle, ForwardingPlatformLoggers) {
