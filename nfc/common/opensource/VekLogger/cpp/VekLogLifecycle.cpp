@@ -14,6 +14,7 @@
 #include "VekLogDiag.h"
 #include "VekLogPlatform.h"
 #include "VekLogStats.h"
+#include "VekLogStorage.h"
 #include "VekLogTail.h"
 
 namespace vek {
@@ -139,6 +140,7 @@ void unlockInParent() {
 void resetInChild() {
   pthread_rwlock_init(&gLibbaseLines, nullptr);
   closeTailFilesInChild();
+  resetLogFileLockInChild();
   gStats->mForkedFrom = getppid();
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   if (!gForkLocked) return;

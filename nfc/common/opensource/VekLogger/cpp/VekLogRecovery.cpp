@@ -231,14 +231,6 @@ bool ownTail(const std::string& name) {
 
 }  // namespace
 
-bool deadTailWaiting(const LogTarget& target) {
-  for (const std::string& name : tailNames(target, "")) {
-    TailFile fd(target.mLogDir + name, O_RDONLY);
-    if (recoverable(name) && !ownTail(name) && lockDead(fd)) return true;
-  }
-  return false;
-}
-
 bool recoverTails(VekLogRecorder& recorder, int process) {
   LogTarget target = knownTarget(recorder, process);
   {

@@ -53,8 +53,9 @@ bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const T
 // another has just begun. A POSIX record lock belongs to the process: a forked child's copy of
 // the descriptor never shares its parent's lock. The file stays open from one batch to the
 // next: locking costs two system calls and a check that the file is still the one at that
-// name. Without a usable lock file (a missing directory, no known name attached) nothing is
-// locked, and the batch meets the failure it would meet anyway. Writer thread only.
+// name. Without a usable lock file (a missing directory, no known name attached) only the
+// threads of this process are kept apart, and the batch meets the failure it would meet
+// anyway. The writer, or an attachment recovering what dead processes left.
 struct LogFileLock {
   explicit LogFileLock(const std::string& logFile);
   ~LogFileLock();
@@ -62,7 +63,10 @@ struct LogFileLock {
   LogFileLock& operator=(const LogFileLock&) = delete;
 
   int mFd = -1;
+  bool mHeld = false;  // the lock between this process's threads
 };
+// A forked child has one thread: whoever held the lock between threads stayed in the parent.
+void resetLogFileLockInChild();
 
 bool checkLogFileExceed(const LogTarget& target, int size);
 // Completes a rotation that a process's death cut short (see VekLogRotation.cpp); false,

@@ -109,10 +109,18 @@ bool makeTail(const VekLogRecorder& recorder, int process, Tail* tail) {
     }
   }
   // Resident but clean: populating a shared mapping reads its pages in without dirtying them,
-  // so that only pages lines are written to are ever written back.
+  // so that only pages lines are written to are ever written back. Never inherited: a mapping
+  // holds the file open, and with it the lock that marks this process as living, so a forked
+  // child must not get it; fork waits for the lock of the tail files meanwhile.
   if (reserved == 0) {
+    lockTailFiles();
     map =
         mmap(nullptr, kTailFileSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd.mFd, 0);
+    if (map != MAP_FAILED && madvise(map, kTailFileSize, MADV_DONTFORK) != 0) {
+      munmap(map, kTailFileSize);
+      map = MAP_FAILED;
+    }
+    unlockTailFiles();
   }
   if (map != MAP_FAILED) {
     auto* header = new (map) TailHeader{};
@@ -277,14 +285,14 @@ void attachTail(VekLogRecorder& recorder, int process) {
     tail.mWanted = crashTailWanted();
     make = beginSetUp(tail);
   }
-  // A dead process's tail waiting under the name is recovered first, by the writer, which then
-  // makes this one's: however often processes die, a name has one dead tail at a time. The
-  // writer is asked only once the look is over: it takes the locks the look takes.
-  bool waiting = make && deadTailWaiting(knownTarget(recorder, process));
-  if (make && !waiting) openTail(recorder, process);
+  // What dead processes left under the name is recovered before this one's tail is added: a
+  // process that dies at once, again and again, leaves one dead tail at a time, and loses
+  // nothing. The writer is asked to look again only then: it takes the same locks.
+  bool living = make && recoverTails(recorder, process);
+  if (make) openTail(recorder, process);
   {
     std::lock_guard<std::mutex> lock(recorder.mMutex);
-    if (waiting) gTail->mMaking = false;
+    if (living) gTail->mWatch |= 1u << process;
     gTail->mRecover |= 1u << process;
     gTail->mNextCheck = {};
   }
@@ -357,9 +365,7 @@ void dropTailInChild() {
   tail.mMaking = false;  // the thread that was making one stayed in the parent
   tail.mFailures = 0;
   tail.mNextTry = {};
-  if (tail.mHeader == nullptr) return;
-  munmap(tail.mHeader, kTailFileSize);
-  tail.mHeader = nullptr;  // its descriptor goes with the others
+  tail.mHeader = nullptr;  // never mapped in a child; its descriptor goes with the others
 }
 
 TailFile::TailFile(const std::string& path, int flags, mode_t mode) {

@@ -120,9 +120,7 @@ void attachTail(VekLogRecorder& recorder, int process);
 // recovers every dead tail of process (VekLogRecovery.cpp). True when another living process
 // under the name has a tail, whose death the writer then watches for.
 bool recoverTails(VekLogRecorder& recorder, int process);
-// Whether a tail of a dead process under target's name waits for its recovery.
-struct LogTarget;
-bool deadTailWaiting(const LogTarget& target);
+
 // Under mMutex: the writer's tail work (a recovery, a set-up of this process's tail), if any.
 std::function<void()> takeTailWork(VekLogRecorder& recorder);
 // Under mMutex: when the writer, idle, is to look again for work on the tail (another process

@@ -6,6 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <mutex>
+#include <new>
+
 #include "VekLogDiag.h"
 #include "VekLogLifecycle.h"
 #include "VekLogPlatform.h"
@@ -39,11 +42,13 @@ void appendKernelLog(std::vector<char>& buff) {
   VEK_DIAG(INFO) << "read klog buffer size: " << buff.size() - before;
 }
 
-// The lock file of the last log file written, kept open from one batch to the next. Writer
-// thread only. Made when the library is loaded and never destroyed: a function-local static
-// could be half made by the writer when another thread forks, and a writer left behind at
-// exit may still use it.
+// The lock file of the last log file written, kept open from one batch to the next. mMutex
+// keeps the threads of this process apart (the writer, and an attachment that recovers), as
+// the record lock keeps processes apart. Made when the library is loaded and never destroyed:
+// a function-local static could be half made by the writer when another thread forks, and a
+// writer left behind at exit may still use it.
 struct LockFile {
+  std::mutex mMutex;
   std::string mPath;
   android::base::unique_fd mFd;
 };
@@ -61,6 +66,8 @@ bool setLock(int fd, short type) {
 LogFileLock::LogFileLock(const std::string& logFile) {
   if (logFile.empty()) return;  // only unknown names attached: no directory to lock in
   LockFile* file = gLockFile;
+  file->mMutex.lock();
+  mHeld = true;
   for (int attempt = 0; attempt < 2 && mFd == -1; ++attempt) {
     if (file->mPath != logFile || file->mFd == -1) {
       file->mFd = openLogDirFile(privatePath(logFile, ".lock"), O_RDWR | O_CREAT, 0640);
@@ -78,7 +85,10 @@ LogFileLock::LogFileLock(const std::string& logFile) {
 
 LogFileLock::~LogFileLock() {
   if (mFd != -1) setLock(mFd, F_UNLCK);
+  if (mHeld) gLockFile->mMutex.unlock();
 }
+
+void resetLogFileLockInChild() { new (&gLockFile->mMutex) std::mutex; }
 
 bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span,
                  bool* written) {

@@ -67,10 +67,12 @@
 //   aside unread as "<tail>.bad" with one WARNING, kept for vek_tail, never recovered again;
 //   the newest one per process is kept, and retention of archives never counts it. A tail
 //   whose lines cannot be appended (a full disk) stays for the next attachment, with one ERROR.
-//   A process adds its own tail only once no dead one waits (its writer recovers that first),
-//   so a name has at most three tail files: one per living process (one, normally), one dead
-//   one waiting and one set aside. Worst case per name, beside the 15 MiB log file and five
-//   archives: 3 MiB + 12 KiB.
+//   The first attchProcess recovers what dead processes left under the name (and completes a
+//   rotation a death cut short) before it adds the process's own tail, so it takes as long as
+//   appending their lines (and, after a death mid-rotation, compressing one log file). So a name
+//   has at most three tail files: one per living process (one, normally), one dead one and
+//   one set aside. Worst case per name, beside the 15 MiB log file and five archives: 3 MiB +
+//   12 KiB.
 // - Rotation in steps: the archive is written as ".<log file>.gz.part", named once it is whole
 //   and synced, and the log file is first moved to "<log file>.rotating", removed last. The
 //   next rotation, or every attachment before its first append (a tail left or none),
