@@ -55,7 +55,7 @@ struct Tail {
   unsigned mRecover = 0;  // known processes whose dead tails the writer is to recover
   unsigned mWatch = 0;    // known processes with another process's tail, living
   bool mRemade = false;   // the file was lost: the next set-up says so
-  std::chrono::steady_clock::time_point mNextCheck;
+  std::chrono::steady_clock::time_point mNextCheck;  // the writer's next look (kCheckEvery)
   uint64_t mBatchStart = 0;  // where mBuffer's lines begin in the ring
   uint64_t mBatchLost = 0;   // bytes of mBuffer the ring had no room for
   uint64_t mHead = 0;        // the header's mHead, which only the owner writes
