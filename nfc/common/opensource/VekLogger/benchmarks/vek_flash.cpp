@@ -69,6 +69,7 @@ int main(int argc, char** argv) {
   printf(
       "%.0f lines/s for %d s: %lld bytes of text, %lld KiB written (x%.1f), "
       "%ld page faults/s on the logging thread\n",
-      rate, seconds, text, written / 1024, static_cast<double>(written) / text, faultRate);
+      rate, seconds, text, written / 1024, static_cast<double>(written) / static_cast<double>(text),
+      faultRate);
   return 0;
 }

@@ -25,13 +25,7 @@ constexpr const char* kStepNames[] = {"",         ", kernel log", ", size check"
 
 // What does not fit is cut.
 struct Report {
-  void add(const char* fmt, ...) __attribute__((format(printf, 2, 3))) {
-    va_list args;
-    va_start(args, fmt);
-    int n = vsnprintf(mText + mSize, sizeof(mText) - mSize, fmt, args);
-    va_end(args);
-    if (n > 0) mSize = std::min(mSize + static_cast<size_t>(n), sizeof(mText) - 1);
-  }
+  void add(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
   // "hh:mm:ss" of local time, or "never" for 0.
   const char* time(int64_t seconds) {
     if (seconds == 0) return "never";
@@ -45,6 +39,14 @@ struct Report {
   size_t mSize = 0;
   char mTime[32];
 };
+
+void Report::add(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  int n = vsnprintf(mText + mSize, sizeof(mText) - mSize, fmt, args);
+  va_end(args);
+  if (n > 0) mSize = std::min(mSize + static_cast<size_t>(n), sizeof(mText) - 1);
+}
 
 // The recorder's numbers and names, copied under mMutex.
 struct Snapshot {

@@ -56,10 +56,10 @@ struct Tail {
   unsigned mWatch = 0;    // known processes with another process's tail, living
   bool mRemade = false;   // the file was lost: the next set-up says so
   std::chrono::steady_clock::time_point mNextCheck;  // the writer's next look (kCheckEvery)
-  uint64_t mBatchStart = 0;  // where mBuffer's lines begin in the ring
-  uint64_t mBatchLost = 0;   // bytes of mBuffer the ring had no room for
-  uint64_t mHead = 0;        // the header's mHead, which only the owner writes
-  uint64_t mRoomEnd = 0;     // the ring may be filled up to here: consumed mark + capacity
+  uint64_t mBatchStart = 0;                          // where mBuffer's lines begin in the ring
+  uint64_t mBatchLost = 0;                           // bytes of mBuffer the ring had no room for
+  uint64_t mHead = 0;     // the header's mHead, which only the owner writes
+  uint64_t mRoomEnd = 0;  // the ring may be filled up to here: consumed mark + capacity
 };
 Tail* const gTail = new Tail;
 
@@ -72,7 +72,9 @@ int gFiles[4] = {-1, -1, -1, -1};
 // Replaces the tail's mapping with anonymous memory at the same place: a span still queued may
 // write into it, and no page of a lost or cut file is touched again.
 void retire(void* map) {
-  mmap(map, kTailFileSize, PROT_READ | PROT_WRITE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  // Should it fail, the file's mapping stays: lines still reach a removed file harmlessly.
+  (void)mmap(map, kTailFileSize, PROT_READ | PROT_WRITE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS,
+             -1, 0);
 }
 
 // Notes that from the current batch on, lines go to process.
