@@ -47,8 +47,8 @@
 //   disk per living process, reserved before mapping so that a full disk never raises SIGBUS, and
 //   as much resident page cache. The file is 0640, close-on-exec, opened without following links,
 //   and holds a lock (flock) while its process lives: a locked tail is never recovered, so
-//   two processes under one name never take each other's lines. A forked child unmaps its
-//   parent's tail and closes every tail file it inherited, so it never holds another's lock;
+//   two processes under one name never take each other's lines. A forked child inherits
+//   no tail mapping and closes every tail file it inherited, so it never holds another's lock;
 //   its writer makes one of its own at its first batch (lines before that are not protected).
 //   While another process under the name lives (a restart while the old one still dies, a
 //   forked child), the writer looks every 2 s whether it has died, and appends its lines
