@@ -195,19 +195,22 @@ void openTail(VekLogRecorder& recorder, int process) {
   }
 }
 
-// Under mMutex, on the writer, at an attachment and at most every kCheckEvery: a tail whose
-// file is no longer at its name (removed, its directory moved or removed and made again) or
-// was cut is given up for a new one.
-void checkFile(Tail& tail) {
+// On the writer, with mMutex released, at an attachment and at most every kCheckEvery: a tail
+// whose file is no longer at its name (removed, its directory moved or removed and made again)
+// or was cut is given up for a new one. Only the writer closes fd while the tail is in place.
+void checkFile(VekLogRecorder& recorder, TailHeader* header, int fd, const std::string& path) {
   struct stat open;
   struct stat named;
-  if (tail.mHeader == nullptr || fstat(tail.mFd, &open) != 0) return;
-  bool there = lstat(tail.mPath.c_str(), &named) == 0 && named.st_dev == open.st_dev &&
+  if (fstat(fd, &open) != 0) return;
+  bool there = lstat(path.c_str(), &named) == 0 && named.st_dev == open.st_dev &&
                named.st_ino == open.st_ino;
   if (there && static_cast<uint64_t>(open.st_size) == kTailFileSize) return;
-  if (there) unlink(tail.mPath.c_str());  // cut: what it holds can no longer be trusted
-  retire(tail.mHeader);
-  closeTailFile(tail.mFd);
+  if (there) unlink(path.c_str());  // cut: what it holds can no longer be trusted
+  std::lock_guard<std::mutex> lock(recorder.mMutex);
+  Tail& tail = *gTail;
+  if (tail.mHeader != header) return;
+  retire(header);
+  closeTailFile(fd);
   tail.mHeader = nullptr;
   tail.mRemade = true;
   tail.mNextTry = {};
@@ -310,8 +313,12 @@ std::function<void()> takeTailWork(VekLogRecorder& recorder) {
   bool busy = !recorder.mTasks.empty() || tail.mWatch != 0;
   if (now >= tail.mNextCheck && busy && tail.mProcess >= 0) {
     tail.mNextCheck = now + kCheckEvery;
-    checkFile(tail);
     tail.mRecover |= tail.mWatch | 1u << tail.mProcess;
+    if (tail.mHeader != nullptr) {
+      return [&recorder, header = tail.mHeader, fd = tail.mFd, path = tail.mPath] {
+        checkFile(recorder, header, fd, path);
+      };
+    }
   }
   unsigned recover = tail.mRecover;
   tail.mRecover = 0;
