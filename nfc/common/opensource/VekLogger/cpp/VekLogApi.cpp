@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include "VekLogDiag.h"
+#include "VekLogFormat.h"
 #include "VekLogger.h"
 
 namespace {
@@ -35,31 +36,40 @@ void print(int priority, const char* tag, const char* text) {
 // came back from the library's own diagnostic is printed only, without the threshold check:
 // the recorder may be under construction on this very thread, and the platform already chose
 // to log the diagnostic.
-void logText(int level, const char* tag, const char* text, size_t length) {
+// inside is what this thread was doing in the library, read once: each read of a thread_local
+// of a shared library is a call.
+void logText(vek::Inside inside, int level, const char* tag, const char* text, size_t length) {
   int priority = platformLevel(level)->mPriority;
-  if (vek::tInside == vek::Inside::kDiagnostic) return print(priority, tag, text);
+  if (inside == vek::Inside::kDiagnostic) return print(priority, tag, text);
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   vek::recordText(*recorder, level, tag, std::string_view(text, length));
   if (recorder->mPrintLevel >= level) print(priority, tag, text);
 }
 
-// Formats into the stack, or once more into the heap when the text is longer. A null tag is
-// an empty one, as the platform log takes it; a null format logs nothing.
+// Formats into the stack, quickly where it can, or with vsnprintf, once more into the heap when
+// the text is longer. A null tag is an empty one, as the platform log takes it; a null format
+// logs nothing.
 void logFormatted(int level, const char* tag, const char* fmt, va_list args) {
-  if (fmt == nullptr || vek::tInside == vek::Inside::kPrinting) return;
+  vek::Inside inside = vek::tInside;
+  if (fmt == nullptr || inside == vek::Inside::kPrinting) return;
   if (tag == nullptr) tag = "";
   char text[kStackText];
   va_list measure;
   va_copy(measure, args);
-  int length = vsnprintf(text, sizeof(text), fmt, measure);
+  int length = vek::formatQuick(text, sizeof(text), fmt, &measure);
   va_end(measure);
+  if (length < 0) {
+    va_copy(measure, args);
+    length = vsnprintf(text, sizeof(text), fmt, measure);
+    va_end(measure);
+  }
   if (length <= 0) return;
   if (static_cast<size_t>(length) < sizeof(text)) {
-    return logText(level, tag, text, static_cast<size_t>(length));
+    return logText(inside, level, tag, text, static_cast<size_t>(length));
   }
   std::string message(static_cast<size_t>(length), '\0');
   vsnprintf(&message[0], message.size() + 1, fmt, args);
-  logText(level, tag, message.c_str(), message.size());
+  logText(inside, level, tag, message.c_str(), message.size());
 }
 
 }  // namespace

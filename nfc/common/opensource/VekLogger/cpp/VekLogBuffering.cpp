@@ -31,15 +31,27 @@ char* twoDigits(char* out, int value) {
   return out + 2;
 }
 
+// Two digits a step: the ids of a line are some ten digits, and each step costs a multiply.
 char* decimal(char* out, unsigned long value) {
+  static const char kPairs[] =
+      "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+      "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+      "8081828384858687888990919293949596979899";
   char digits[20];
-  int count = 0;
-  do {
-    digits[count++] = static_cast<char>('0' + value % 10);
-    value /= 10;
-  } while (value != 0);
-  while (count > 0) *out++ = digits[--count];
-  return out;
+  char* at = digits + sizeof(digits);
+  for (; value >= 100; value /= 100) {
+    at -= 2;
+    memcpy(at, &kPairs[value % 100 * 2], 2);
+  }
+  if (value >= 10) {
+    at -= 2;
+    memcpy(at, &kPairs[value * 2], 2);
+  } else {
+    *--at = static_cast<char>('0' + value);
+  }
+  size_t count = static_cast<size_t>(digits + sizeof(digits) - at);
+  memcpy(out, at, count);
+  return out + count;
 }
 
 // The process and thread id of a line, read by system call for every line.
@@ -50,16 +62,40 @@ struct LineIds {
 
 LineIds readIds() { return LineIds{syscall(SYS_getpid), syscall(SYS_gettid)}; }
 
-// Writes "MM-DD hh:mm:ss.mmm pid tid L " for the time of this call; returns its end. Formatted
-// by hand: strftime and snprintf would cost more than the system calls a line must make.
-char* formatHeader(char* out, int level, const LineIds& ids) {
+// The realtime clock in microseconds since the epoch.
+int64_t microsNow() {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
-  int64_t micros = static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+  return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+// The local time of one second, worked out ahead by a thread that waits for mMutex: localtime_r
+// is the longest step of a line's header, and the lock is then held the shorter.
+struct LocalSecond {
+  bool mValid = false;
+  time_t mSecond;
+  tm mLocal;
+};
+
+LocalSecond localSecond() {
+  LocalSecond second;
+  second.mSecond = static_cast<time_t>(microsNow() / 1000000);
+  second.mValid = localtime_r(&second.mSecond, &second.mLocal) != nullptr;
+  return second;
+}
+
+// Writes "MM-DD hh:mm:ss.mmm pid tid L " for the time of this call; returns its end. Formatted
+// by hand: strftime and snprintf would cost more than the system calls a line must make.
+char* formatHeader(char* out, int level, const LineIds& ids, const LocalSecond& early) {
+  int64_t micros = microsNow();
   time_t seconds = static_cast<time_t>(micros / 1000000);
   int millis = static_cast<int>((micros - static_cast<int64_t>(seconds) * 1000000) / 1000);
   tm local;
-  localtime_r(&seconds, &local);
+  if (early.mValid && early.mSecond == seconds) {
+    local = early.mLocal;
+  } else {
+    localtime_r(&seconds, &local);
+  }
 
   out = twoDigits(out, local.tm_mon + 1);
   *out++ = '-';
@@ -85,10 +121,10 @@ char* formatHeader(char* out, int level, const LineIds& ids) {
 
 // Appends one whole line: header, tag, ": ", text and a line feed. A line of ordinary length
 // is put together on the stack and appended with one copy.
-void appendLine(std::vector<char>& buffer, int level, const LineIds& ids, std::string_view tag,
-                const char* text, size_t length) {
+void appendLine(std::vector<char>& buffer, int level, const LineIds& ids, const LocalSecond& early,
+                std::string_view tag, const char* text, size_t length) {
   char line[512];
-  char* out = formatHeader(line, level, ids);
+  char* out = formatHeader(line, level, ids, early);
   if (static_cast<size_t>(out - line) + tag.size() + 2 + length + 1 > sizeof(line)) {
     buffer.insert(buffer.end(), line, out);
     buffer.insert(buffer.end(), tag.begin(), tag.end());
@@ -133,10 +169,15 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
   if (level == 0 || threshold < level || threshold == 0 || message.empty()) return;
   UserScope user(recorder);
   if (!user.mEntered) return;
-  // The first line's system calls are made before the lock, which then covers the clock, the
-  // formatting and the append only; threads that log at once wait less for each other.
+  // The first line's system calls are made before the lock, and, when another thread holds it,
+  // the local time of this second; the lock then covers the clock, the formatting and the
+  // appends: threads that log at once wait less for each other.
   LineIds ids = readIds();
-  lockSoon(recorder.mMutex);
+  LocalSecond early;
+  if (!recorder.mMutex.try_lock()) {
+    early = localSecond();
+    lockSoon(recorder.mMutex);
+  }
   std::lock_guard<std::mutex> lock(recorder.mMutex, std::adopt_lock);
   if (!recorder.mAttached) return;
   std::string_view lineTag = tag.empty() ? std::string_view(recorder.mProcessName) : tag;
@@ -149,7 +190,7 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
       recorder.mBuffer.reserve(recorder.mFlushThreshold + kBatchSlack);
     }
     size_t before = recorder.mBuffer.size();
-    appendLine(recorder.mBuffer, level, ids, lineTag, message.data() + start, stop - start);
+    appendLine(recorder.mBuffer, level, ids, early, lineTag, message.data() + start, stop - start);
     ++gStats->mLinesRecorded;
     tailAppend(recorder, recorder.mBuffer.data() + before, recorder.mBuffer.size() - before);
     if (recorder.mBuffer.size() > recorder.mFlushThreshold) {
@@ -161,7 +202,7 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
 
 std::vector<char> formatLine(int level, std::string_view tag, std::string_view text) {
   std::vector<char> line;
-  appendLine(line, level, readIds(), tag, text.data(), text.size());
+  appendLine(line, level, readIds(), LocalSecond(), tag, text.data(), text.size());
   return line;
 }
 

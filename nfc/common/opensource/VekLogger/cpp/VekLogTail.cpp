@@ -41,10 +41,17 @@ constexpr int kRetryDoublings = 6;
 // This process's tail, of the first recorder to attach (the process's one; a recorder a test
 // makes beside it gets none). Made when the library is loaded and never destroyed: a writer
 // left behind at exit may still use it. The fields are guarded by the owner's mMutex.
-struct Tail {
+struct alignas(64) Tail {
+  // What every line reads and writes, on one cache line: under contention the line moves
+  // between the cores of the threads that log, with the lock.
   const VekLogRecorder* mOwner = nullptr;
   TailHeader* mHeader = nullptr;  // null: lines are not protected
   char* mRing = nullptr;
+  uint64_t mHead = 0;        // the header's mHead, which only the owner writes
+  uint64_t mRoomEnd = 0;     // the ring may be filled up to here: consumed mark + capacity
+  uint64_t mBatchStart = 0;  // where mBuffer's lines begin in the ring
+  uint64_t mBatchLost = 0;   // bytes of mBuffer the ring had no room for
+
   int mFd = -1;
   std::string mPath;
   bool mWanted = false;  // attached under a known name: the process is to have a tail
@@ -56,10 +63,6 @@ struct Tail {
   unsigned mWatch = 0;    // known processes with another process's tail, living
   bool mRemade = false;   // the file was lost: the next set-up says so
   std::chrono::steady_clock::time_point mNextCheck;  // the writer's next look (kCheckEvery)
-  uint64_t mBatchStart = 0;                          // where mBuffer's lines begin in the ring
-  uint64_t mBatchLost = 0;                           // bytes of mBuffer the ring had no room for
-  uint64_t mHead = 0;     // the header's mHead, which only the owner writes
-  uint64_t mRoomEnd = 0;  // the ring may be filled up to here: consumed mark + capacity
 };
 Tail* const gTail = new Tail;
 

@@ -2,7 +2,8 @@
 # From a fresh checkout: install what is missing, build, run the benchmarks against spdlog,
 # glog and the floor (vek_bench), then the per-call latency of __vek_log_i and spdlog while
 # both rotate (vek_latency), then the resident memory of idle processes beside spdlog's
-# (vek_rss), and write RESULTS.md, threads.png and latency.png.
+# (vek_rss), and write RESULTS.md, threads.png and latency.png. The crash tail's cost is measured
+# in the same run: the same build alternately with the tail and without (VEK_NO_CRASH_TAIL).
 #
 #   run_benchmarks.sh [--calls N] [--quick] [--out DIR] [--baseline REV]
 #
@@ -15,9 +16,9 @@
 # --baseline: also builds the library as git revision REV has it, with these benchmark
 #             programs, and compares: __vek_log_i per line and its per-call latency at 1 and 2
 #             threads, the two builds run alternately, and vek_rss for REV.
-# A full run takes about 2.5 minutes on the 2-core machine, once installed and built (vek_rss's
-# idle processes take 20 s of it); --baseline brings it to about four and a half, and the first
-# build of REV.
+# A full run takes about 5 minutes on the 2-core machine, once installed and built (vek_rss's
+# idle processes take 20 s of it, the tail on and off 2.5 minutes); --baseline brings it to about
+# seven, and the first build of REV.
 #
 # RESULTS.md is written whole by each run. The reason for each target it marks not met, and
 # any other reading of the figures, is written by hand into benchmarks/ANALYSIS.md, which no
@@ -87,6 +88,26 @@ grep -E '^(sustained|rotation|flush|memory):' "$scratch/stdout.txt" > "$scratch/
   tee "$scratch/latency.txt"
 grep -E '^handover:' "$scratch/latency.txt" >> "$scratch/storage.txt"
 
+# The crash tail on and off, the same build alternately (host builds skip the tail when
+# VEK_NO_CRASH_TAIL is set): per line while rotating and while only appending, and per call.
+tail_ab=$scratch/tail
+mkdir "$tail_ab"
+tail_side() { if [ "$1" = off ]; then VEK_NO_CRASH_TAIL=1 "${@:2}"; else "${@:2}"; fi; }
+for round in $(seq "$rounds"); do
+  echo "crash tail on and off: __vek_log_i per line, round $round of $rounds"
+  for side in $(if [ $((round % 2)) -eq 1 ]; then echo on off; else echo off on; fi); do
+    tail_side "$side" "$bin/vek_bench" --benchmark_filter='BM_VekLogI(/print:0|AppendOnly)/' \
+      "${ab_options[@]}" --benchmark_format=json --no-storage > "$tail_ab/perline-$side-$round.json"
+  done
+done
+for round in $(seq "$latency_rounds"); do
+  echo "crash tail on and off: __vek_log_i per call, round $round of $latency_rounds"
+  for side in $(if [ $((round % 2)) -eq 1 ]; then echo on off; else echo off on; fi); do
+    tail_side "$side" "$bin/vek_latency" --library-only --calls "${calls:-1200000}" \
+      --out "$tail_ab/latency-$side-$round.json" > /dev/null
+  done
+done
+
 # The two builds in the order of round $1: each goes first in every other round.
 sides() { if [ $(($1 % 2)) -eq 1 ]; then echo current baseline; else echo baseline current; fi; }
 side_bin() { if [ "$1" = current ]; then echo "$bin"; else echo "$base_bin"; fi; }
@@ -102,7 +123,7 @@ if [ -n "$baseline" ]; then
   for round in $(seq "$rounds"); do
     echo "before and after: __vek_log_i per line, round $round of $rounds"
     for side in $(sides "$round"); do
-      "$(side_bin "$side")/vek_bench" --benchmark_filter=BM_VekLogI/print:0 "${ab_options[@]}" \
+      "$(side_bin "$side")/vek_bench" --benchmark_filter=BM_VekLogI/print:0/ "${ab_options[@]}" \
         --benchmark_format=json --no-storage > "$ab/perline-$side-$round.json"
     done
   done
@@ -120,7 +141,7 @@ if [ -n "$baseline" ]; then
   "$base_bin/vek_rss" "${rss_options[@]}" --as baseline | tee -a "$scratch/rss.txt"
 fi
 python3 "$here/../benchmarks/report.py" "$scratch/bench.json" "$scratch/storage.txt" \
-  "$scratch/latency.json" "$scratch/rss.txt" "$scratch" ${ab:+"$ab"}
+  "$scratch/latency.json" "$scratch/rss.txt" "$scratch" "$tail_ab" ${ab:+"$ab"}
 cp "$scratch/RESULTS.md" "$scratch/threads.png" "$scratch/latency.png" "$out/"
 rm -rf "$scratch"
 echo "wrote $out/RESULTS.md, $out/threads.png and $out/latency.png"
