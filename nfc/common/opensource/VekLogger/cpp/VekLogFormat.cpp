@@ -14,7 +14,7 @@ namespace {
 // Larger widths and precisions cannot fit the caller's buffer anyway.
 constexpr int kMaxField = 65536;
 
-struct Spec {
+struct Field {
   bool mLeft = false;
   bool mZero = false;
   int mWidth = 0;
@@ -52,30 +52,30 @@ int readNumber(const char** fmt) {
   return value;
 }
 
-// Reads the spec after a '%'; false for what only vsnprintf formats.
-bool readSpec(const char** fmt, Spec* spec) {
+// Reads the conversion after a '%'; false for what only vsnprintf formats.
+bool readField(const char** fmt, Field* field) {
   for (;; ++*fmt) {
     if (**fmt == '-') {
-      spec->mLeft = true;
+      field->mLeft = true;
     } else if (**fmt == '0') {
-      spec->mZero = true;
+      field->mZero = true;
     } else {
       break;
     }
   }
-  if ((spec->mWidth = readNumber(fmt)) < 0) return false;
+  if ((field->mWidth = readNumber(fmt)) < 0) return false;
   if (**fmt == '.') {
     ++*fmt;
-    if ((spec->mPrecision = readNumber(fmt)) < 0) return false;
+    if ((field->mPrecision = readNumber(fmt)) < 0) return false;
   }
   const char* length = *fmt;
   if (*length == 'h' || *length == 'l') {
-    spec->mLength = length[1] == *length ? static_cast<char>(*length - 0x20) : *length;
+    field->mLength = length[1] == *length ? static_cast<char>(*length - 0x20) : *length;
     *fmt += length[1] == *length ? 2 : 1;
   } else if (*length == 'z' || *length == 'j' || *length == 't') {
-    spec->mLength = *(*fmt)++;
+    field->mLength = *(*fmt)++;
   }
-  switch (spec->mConversion = **fmt) {
+  switch (field->mConversion = **fmt) {
     case 'd':
     case 'i':
     case 'u':
@@ -141,20 +141,20 @@ char* putDigits(char* end, uintmax_t value, const char* digits) {
   return end;
 }
 
-bool putInteger(Out& out, const Spec& spec, va_list* args) {
+bool putInteger(Out& out, const Field& field, va_list* args) {
   bool negative = false;
   uintmax_t value;
-  if (spec.mConversion == 'd' || spec.mConversion == 'i') {
-    intmax_t number = signedArg(spec.mLength, args);
+  if (field.mConversion == 'd' || field.mConversion == 'i') {
+    intmax_t number = signedArg(field.mLength, args);
     negative = number < 0;
     value = negative ? 0 - static_cast<uintmax_t>(number) : static_cast<uintmax_t>(number);
   } else {
-    value = unsignedArg(spec.mLength, args);
+    value = unsignedArg(field.mLength, args);
   }
   char digits[24];
   char* end = digits + sizeof(digits);
   char* at = end;
-  switch (spec.mConversion) {
+  switch (field.mConversion) {
     case 'o':
       at = putDigits<8>(at, value, "01234567");
       break;
@@ -170,42 +170,42 @@ bool putInteger(Out& out, const Spec& spec, va_list* args) {
   int count = static_cast<int>(end - at);
   // Zero shows as "0" unless the precision is 0; a precision pads with zeros, and so does the
   // '0' flag without one, after the sign.
-  int zeros = spec.mPrecision < 0 ? (count == 0 ? 1 : 0) : spec.mPrecision - count;
+  int zeros = field.mPrecision < 0 ? (count == 0 ? 1 : 0) : field.mPrecision - count;
   if (zeros < 0) zeros = 0;
-  int pad = spec.mWidth - (negative ? 1 : 0) - zeros - count;
-  if (spec.mZero && !spec.mLeft && spec.mPrecision < 0 && pad > 0) {
+  int pad = field.mWidth - (negative ? 1 : 0) - zeros - count;
+  if (field.mZero && !field.mLeft && field.mPrecision < 0 && pad > 0) {
     zeros += pad;
     pad = 0;
   }
-  return (spec.mLeft || out.fill(' ', pad)) && (!negative || out.put("-", 1)) &&
+  return (field.mLeft || out.fill(' ', pad)) && (!negative || out.put("-", 1)) &&
          out.fill('0', zeros) && out.put(at, static_cast<size_t>(count)) &&
-         (!spec.mLeft || out.fill(' ', pad));
+         (!field.mLeft || out.fill(' ', pad));
 }
 
-bool putText(Out& out, const Spec& spec, const char* text, size_t length) {
-  int pad = spec.mWidth - static_cast<int>(length < kMaxField ? length : kMaxField);
-  return (spec.mLeft || out.fill(' ', pad)) && out.put(text, length) &&
-         (!spec.mLeft || out.fill(' ', pad));
+bool putText(Out& out, const Field& field, const char* text, size_t length) {
+  int pad = field.mWidth - static_cast<int>(length < kMaxField ? length : kMaxField);
+  return (field.mLeft || out.fill(' ', pad)) && out.put(text, length) &&
+         (!field.mLeft || out.fill(' ', pad));
 }
 
-bool putConversion(Out& out, const Spec& spec, va_list* args) {
-  switch (spec.mConversion) {
+bool putConversion(Out& out, const Field& field, va_list* args) {
+  switch (field.mConversion) {
     case 'c': {
-      if (spec.mZero || spec.mLength != 0 || spec.mPrecision >= 0) return false;
+      if (field.mZero || field.mLength != 0 || field.mPrecision >= 0) return false;
       char c = static_cast<char>(va_arg(*args, int));
-      return putText(out, spec, &c, 1);
+      return putText(out, field, &c, 1);
     }
     case 's': {
-      if (spec.mZero || spec.mLength != 0) return false;
+      if (field.mZero || field.mLength != 0) return false;
       const char* text = va_arg(*args, const char*);
       if (text == nullptr) return false;
       size_t room = static_cast<size_t>(out.mEnd - out.mAt) + 1;
-      size_t limit = spec.mPrecision >= 0 ? static_cast<size_t>(spec.mPrecision) : room;
+      size_t limit = field.mPrecision >= 0 ? static_cast<size_t>(field.mPrecision) : room;
       size_t length = strnlen(text, limit < room ? limit : room);
-      return putText(out, spec, text, length);
+      return putText(out, field, text, length);
     }
     default:
-      return putInteger(out, spec, args);
+      return putInteger(out, field, args);
   }
 }
 
@@ -225,8 +225,8 @@ int formatQuick(char* out, size_t size, const char* fmt, va_list* args) {
       if (!text.put(fmt++, 1)) return -1;
       continue;
     }
-    Spec spec;
-    if (!readSpec(&fmt, &spec) || !putConversion(text, spec, args)) return -1;
+    Field field;
+    if (!readField(&fmt, &field) || !putConversion(text, field, args)) return -1;
   }
   *text.mAt = '\0';
   return static_cast<int>(text.mAt - out);

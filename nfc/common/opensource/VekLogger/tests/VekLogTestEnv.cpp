@@ -6,7 +6,9 @@
 #include <dirent.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -88,6 +90,12 @@ std::string logText(size_t bytes) {
   return text;
 }
 
+size_t countOf(const std::string& text, const std::string& part) {
+  size_t found = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) found++;
+  return found;
+}
+
 std::string readFile(const std::string& path) {
   std::string content;
   android::base::ReadFileToString(path, &content);
@@ -109,6 +117,19 @@ std::vector<std::string> listDir(const std::string& dir, bool hidden) {
   }
   std::sort(names.begin(), names.end());
   return names;
+}
+
+std::string statusOf(const std::function<int()>& body) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    alarm(20);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // children of a child that hung go with it
+    exit(body());
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                             : "exit " + std::to_string(WEXITSTATUS(status));
 }
 
 std::string runCommand(const std::string& command) {

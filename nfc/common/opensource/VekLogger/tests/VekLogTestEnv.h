@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <future>
 #include <mutex>
 #include <string>
@@ -63,6 +64,7 @@ struct WriterGate {
 };
 
 std::string logText(size_t bytes);  // log-like text, not trivially compressible
+size_t countOf(const std::string& text, const std::string& part);  // overlapping too
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
@@ -76,6 +78,9 @@ std::string gunzip(const std::string& path);
 std::string dumpState();
 // The number after label in a dump ("flushes: " -> 3), or -1.
 long long dumpCount(const std::string& dump, const std::string& label);
+// How body ended in a child process, which has 20 s: "exit N", or "signal N" (14, SIGALRM: it
+// hung).
+std::string statusOf(const std::function<int()>& body);
 // The standard output of a shell command, which must exit with 0.
 std::string runCommand(const std::string& command);
 

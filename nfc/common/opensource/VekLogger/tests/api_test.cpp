@@ -3,12 +3,40 @@
 #include <android-base/properties.h>
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdint.h>
 
+#include "VekLogFormat.h"
 #include "VekLogTestEnv.h"
 
 using vektest::readFile;
 
 namespace {
+
+int quick(char* out, size_t size, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  int length = vek::formatQuick(out, size, fmt, &args);
+  va_end(args);
+  return length;
+}
+
+// Formats fmt with arg for each of up to five conversions, quickly, and expects vsnprintf's text;
+// or, when fmt is not for the quick formatter, or the text needs more than size bytes, expects it
+// declined.
+template <typename Arg>
+void expectFormat(const char* fmt, Arg arg, bool taken = true, size_t size = 64) {
+  char got[64];
+  char want[64];
+  int length = quick(got, size, fmt, arg, arg, arg, arg, arg);
+  if (!taken) {
+    EXPECT_EQ(-1, length) << fmt;
+    return;
+  }
+  EXPECT_EQ(snprintf(want, size, fmt, arg, arg, arg, arg, arg), length) << fmt;
+  EXPECT_STREQ(want, got) << fmt;
+}
 
 struct ApiTest : vektest::NfcProcessTest {
   // The entries of __android_log_print, which carry no source file.
@@ -78,6 +106,27 @@ TEST_F(ApiTest, MessagesArePrintedWholeAndLiterally) {
   std::string file = flushed();
   EXPECT_NE(std::string::npos, file.find("T: " + big + "|\n"));
   EXPECT_NE(std::string::npos, file.find(" I nfc_process: a null tag is an empty one\n"));
+}
+
+// The quick formatter takes the conversions log messages use and leaves the rest to vsnprintf.
+TEST(QuickFormat, GivesVsnprintfsTextOrDeclines) {
+  expectFormat("%d %i %u %c%%", 65);
+  expectFormat("%5d|%-5d|%05d|%.3d|%08.3d", -42);
+  expectFormat("%.0d|%010.0u|%-08x|", 0);
+  expectFormat("%x %X %o %#x", 0x1ff80, false);
+  expectFormat("%x %X %o", -1);
+  expectFormat("%hhd %hd %hhu %hu", 0x1f080);
+  expectFormat("%lld %llx", LLONG_MIN);
+  expectFormat("%ld %lu", LONG_MIN);
+  expectFormat("%zu %zx %td", static_cast<ssize_t>(-2));
+  expectFormat("%jd %ju", static_cast<intmax_t>(-2));
+  expectFormat("%s|%.2s|%6s|%-6s|%.9s", "text");
+  expectFormat("%+d", 1, false);
+  expectFormat("%05s", "t", false);
+  expectFormat("%s", static_cast<const char*>(nullptr), false);
+  expectFormat("%d%d%d", 123456, true, 19);
+  expectFormat("%d%d%d", 123456, false, 18);
+  expectFormat("%*d", 5, false);
 }
 
 // A fatal message that will not be printed leaves the process running: it forces no flush.

@@ -25,26 +25,12 @@
 #include "VekWaitForWriter.h"
 
 using vektest::archives;
+using vektest::countOf;
 using vektest::readFile;
+using vektest::statusOf;
 using vektest::tailsIn;
 
 namespace {
-
-constexpr unsigned kLimitSeconds = 20;
-
-// How body ended in a child process: "exit N", or "signal N" (14, SIGALRM: it hung).
-std::string statusOf(const std::function<int()>& body) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    alarm(kLimitSeconds);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // children of a child that hung go with it
-    exit(body());
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
-                             : "exit " + std::to_string(WEXITSTATUS(status));
-}
 
 // A child inherits the scratch root through $VEK_LOG_ROOT.
 struct Lifecycle : testing::Test {
@@ -53,12 +39,6 @@ struct Lifecycle : testing::Test {
 };
 
 void attach() { VekLogRecorder::getInstance()->attchProcess("nfc_process"); }
-
-size_t countOf(const std::string& text, const std::string& part) {
-  size_t found = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) found++;
-  return found;
-}
 
 struct LogsWhenDestroyed {
   ~LogsWhenDestroyed() {
@@ -264,7 +244,7 @@ TEST_F(Lifecycle, TheSurvivorRecoversASiblingsLines) {
       mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   pid_t old = fork();
   if (old == 0) {
-    alarm(kLimitSeconds);
+    alarm(20);
     attach();
     for (int i = 0; i < 50; ++i) __vek_log_i("T", "old %d", i);
     *ready = 1;
