@@ -217,7 +217,8 @@ void rotationAgainstGzip() {
       static_cast<double>(oursSize.st_size) / static_cast<double>(gzipSize.st_size));
 }
 
-// Flush latency with an idle writer: one line, then __vek_save_log_now.
+// Flush latency with an idle writer: one line, then __vek_save_log_now. --flush-only runs this
+// alone, on the file system of $TMPDIR.
 void flushLatency() {
   std::vector<double> micros;
   for (int i = 0; i < 2000; ++i) {
@@ -268,6 +269,12 @@ void peakRss() {
 
 int main(int argc, char** argv) {
   if (argc == 2 && strcmp(argv[1], "--log-million-lines") == 0) return logMillionLines();
+  if (argc == 2 && strcmp(argv[1], "--flush-only") == 0) {
+    setUp();
+    flushLatency();
+    vekbench::removeTree(gRoot);
+    return 0;
+  }
   // --no-storage, last: the benchmarks alone (run_benchmarks.sh --baseline runs them often).
   const bool storage = argc < 2 || strcmp(argv[argc - 1], "--no-storage") != 0;
   if (!storage) argv[--argc] = nullptr;

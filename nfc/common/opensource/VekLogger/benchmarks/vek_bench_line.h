@@ -25,11 +25,13 @@ constexpr size_t kKeptFiles = 5;
 // level, tag.
 constexpr char kSpdlogPattern[] = "%m-%d %H:%M:%S.%e %P %t %L %n: %v";
 
-// A scratch VEK_LOG_ROOT, "/tmp/<program>.XXXXXX", with the NFC log directory and "/peers" for
-// the other loggers' files, whose platform log entries are dropped: the figures are of the
-// library, not of the platform log.
+// A scratch VEK_LOG_ROOT, "$TMPDIR/<program>.XXXXXX" ("/tmp" by default), with the NFC log
+// directory and "/peers" for the other loggers' files, whose platform log entries are dropped:
+// the figures are of the library, not of the platform log.
 inline std::string scratchRoot(const char* program) {
-  std::string pattern = std::string("/tmp/") + program + ".XXXXXX";
+  const char* tmp = getenv("TMPDIR");
+  std::string pattern =
+      std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/" + program + ".XXXXXX";
   std::string root = mkdtemp(&pattern[0]);
   for (const char* dir : {"/data", "/data/vendor", "/data/vendor/nfc", "/peers"}) {
     mkdir((root + dir).c_str(), 0755);

@@ -6,4 +6,6 @@ std::string devicePath(const char* path) { return path; }
 
 bool crashTailWanted() { return true; }
 
+bool flushSyncWanted() { return true; }
+
 }  // namespace vek

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "VekLogDiag.h"
 #include "VekLogStorage.h"
 
 namespace vek {
@@ -23,6 +24,20 @@ android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode
     fd.reset();
   }
   return fd;
+}
+
+bool syncFile(int fd, const std::string& path) {
+  if (fdatasync(fd) == 0) return true;
+  VEK_DIAG(ERROR) << "Failed to sync file: " << path;
+  return false;
+}
+
+bool syncDir(const std::string& dir) {
+  android::base::unique_fd fd(
+      TEMP_FAILURE_RETRY(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+  if (fd != -1 && fsync(fd) == 0) return true;
+  VEK_DIAG(ERROR) << "Failed to sync directory: " << dir;
+  return false;
 }
 
 std::string privatePath(const std::string& logFile, const char* suffix) {

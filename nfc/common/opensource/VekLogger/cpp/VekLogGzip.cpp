@@ -18,6 +18,9 @@ constexpr size_t kChunk = size_t{1} << 20;
 constexpr int kLevel = 9;
 constexpr int kWindowBitsWithGzipWrapper = 15 + 16;
 constexpr int kMemLevel = 8;
+// An archive is checked in chunks of this size, up to text of kMostText bytes.
+constexpr size_t kCheckChunk = size_t{64} << 10;
+constexpr uint64_t kMostText = uint64_t{256} << 20;
 
 // Fills chunk up to kChunk bytes; fewer means the end of the file was reached. -1 on error.
 ssize_t readChunk(int fd, unsigned char* chunk) {
@@ -115,6 +118,31 @@ bool writeGzip(int input, android::base::unique_fd output) {
   bool compressed =
       deflateFile(*stream, input, output, compressor.mIn.get(), compressor.mOut.get());
   return closeArchive(output.release()) && compressed;
+}
+
+bool isWholeArchive(const std::string& path, uint64_t size) {
+  // Larger than any log file: not this library's, and not to be read through.
+  if (size > kMostText) return false;
+  android::base::unique_fd input = openLogDirFile(path, O_RDONLY);
+  z_stream stream{};
+  if (input == -1 || inflateInit2(&stream, kWindowBitsWithGzipWrapper) != Z_OK) return false;
+  std::unique_ptr<unsigned char[]> in(new unsigned char[kCheckChunk]);
+  std::unique_ptr<unsigned char[]> out(new unsigned char[kCheckChunk]);
+  int ret = Z_OK;
+  while (ret == Z_OK && stream.total_out <= size + kCheckChunk) {
+    if (stream.avail_in == 0) {
+      ssize_t got = TEMP_FAILURE_RETRY(read(input, in.get(), kCheckChunk));
+      if (got <= 0) break;
+      stream.next_in = in.get();
+      stream.avail_in = static_cast<uInt>(got);
+    }
+    stream.next_out = out.get();
+    stream.avail_out = kCheckChunk;
+    ret = inflate(&stream, Z_NO_FLUSH);
+  }
+  bool whole = ret == Z_STREAM_END && stream.total_out >= size;
+  inflateEnd(&stream);
+  return whole;
 }
 
 bool compressGzip(const std::string& in, const std::string& out) {

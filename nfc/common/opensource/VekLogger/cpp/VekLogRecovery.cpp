@@ -108,14 +108,22 @@ size_t writtenOfFlight(const TailHeader& header, const std::vector<char>& text, 
   return same;
 }
 
+// Appends text to the log file of process and syncs it: only then may the tail, whose file
+// kept the text through a power cut, let go of it. True once it is on storage.
+bool appendSynced(VekLogRecorder& recorder, const std::vector<char>& text, int process,
+                  const TailSpan& span) {
+  bool written = false;
+  bool synced = false;
+  return appendBatch(knownTarget(recorder, process), text, span, &written, &synced) && synced;
+}
+
 // Appends text[from - base, to - base) to the log file of process; with span, noted in the
-// tail's file before it is written, as the writer notes its batches. True once it is written.
+// tail's file before it is written, as the writer notes its batches.
 bool appendRun(VekLogRecorder& recorder, const std::vector<char>& text, uint64_t base,
                uint64_t from, uint64_t to, int process, const TailSpan& span) {
   std::vector<char> run(text.begin() + static_cast<ptrdiff_t>(from - base),
                         text.begin() + static_cast<ptrdiff_t>(to - base));
-  bool written = false;
-  if (!appendBatch(knownTarget(recorder, process), run, span, &written) || !written) return false;
+  if (!appendSynced(recorder, run, process, span)) return false;
   count(gStats->mRecoveredBytes, run.size());
   return true;
 }
@@ -164,10 +172,7 @@ Outcome replay(VekLogRecorder& recorder, int fd, TailImage& image) {
   int process = targetAt(header, header.mTail);
   std::string note = std::to_string(lost) + " bytes logged before a death were lost";
   std::vector<char> line = formatLine(VEK_LEVEL_WARNING, knownName(process), note);
-  bool written = false;
-  if (!appendBatch(knownTarget(recorder, process), line, TailSpan(), &written) || !written) {
-    return kFailed;
-  }
+  if (!appendSynced(recorder, line, process, TailSpan())) return kFailed;
   header.mLostDone = header.mLostLogged.load();
   saveNotes(notes);
   count(gStats->mLostReported, lost);

@@ -3,16 +3,19 @@
 //   before:  <dir>/nfc_process.veklog (would pass 15 MiB)   nfc_process_<older>.gz x0..5
 //   prune:   delete the oldest nfc_process_*.gz while five or more remain
 //   part:    .nfc_process.veklog.gz.part made empty
-//   move:    nfc_process.veklog renamed nfc_process.veklog.rotating: no batch reaches it now
+//   move:    nfc_process.veklog synced, renamed nfc_process.veklog.rotating: no batch reaches
+//            it now
 //   archive: gzip .rotating into the part, synced, renamed <dir>//nfc_process_YYYYmmdd_HHMMSS.gz
-//            (or _1.gz, _2.gz after the stamp when an older archive has that name)
+//            (or _1.gz, _2.gz after the stamp when an older archive has that name), the
+//            directory synced
 //   remove:  nfc_process.veklog.rotating; the append that follows starts a new file
 //
 // A process may die at any step. What it leaves, the next rotation or attachment completes
-// (repairRotation): part and .rotating both: the compression was cut, the text goes back
-// or into an archive again; part alone: nothing had begun; .rotating alone: its archive
-// is made. So no text is lost or archived twice, and no cut archive is ever named as one.
-// Until a repair succeeds no rotation begins, so nothing ever replaces a .rotating file.
+// (repairRotation): part and .rotating both: the part is named when it is a whole archive of
+// the text, else the compression was cut and the text goes back or into an archive again;
+// part alone: nothing had begun; .rotating alone: its archive is made. So no text is lost or
+// archived twice, and no cut archive is ever named as one. Until a repair succeeds no rotation
+// begins, so nothing ever replaces a .rotating file.
 //
 // Another process shares the directory. Whatever else stands at the part file's or the
 // .rotating file's name is removed; a non-empty directory at the part file's name is stepped
@@ -100,21 +103,26 @@ bool clearEntry(const std::string& path, bool regularToo) {
 
 bool clearForeign(const std::string& path) { return clearEntry(path, false); }
 
+enum Published { kNamed, kUnnamed, kUnsynced };
+
 // Names the compressed file written (the part file, or the archive itself) as the archive,
 // named for the time the rotation began. Only the rotation of the log file itself counts as
-// this process's last archive, which a rotation later in the same second replaces.
-bool publishArchive(const LogTarget& target, const std::string& written, const std::string& archive,
-                    time_t began, bool isLast) {
+// this process's last archive, which a rotation later in the same second replaces. The name
+// must reach storage before the text leaves the log file: when it cannot, the part file is
+// named back (kUnsynced), and the next repair finds the text archived but not named.
+Published publishArchive(const LogTarget& target, const std::string& written,
+                         const std::string& archive, time_t began, bool isLast) {
   if (written != archive && rename(written.c_str(), archive.c_str()) != 0) {
     VEK_DIAG(ERROR) << android::base::StringPrintf("%s: Failed to name archive: %s", "compressGzip",
                                                    archive.c_str());
-    return false;
+    return kUnnamed;
   }
-  // The archive's name must reach storage before its text leaves the log file.
-  android::base::unique_fd dir(open(target.mLogDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (dir != -1) fsync(dir);
+  if (!syncDir(target.mLogDir)) {
+    if (written != archive) rename(archive.c_str(), written.c_str());
+    return kUnsynced;
+  }
   if (isLast) *gLastArchive = LastArchive{archive, began, getpid()};
-  return true;
+  return kNamed;
 }
 
 // Compresses input, the open file at path, into a new archive by the steps above; path is
@@ -131,13 +139,17 @@ bool archiveFile(const LogTarget& target, int input, const std::string& path, bo
   if (output == -1) return false;
   *left = path;
   struct stat st;
-  if (staged && isLog && fstat(input, &st) == 0 && S_ISREG(st.st_mode) &&
+  // Synced before it moves: a power cut then leaves a whole .rotating file to the repair, never
+  // one without its last seconds. Unsynced, it is compressed where it is.
+  if (staged && isLog && fstat(input, &st) == 0 && S_ISREG(st.st_mode) && syncFile(input, path) &&
       clearForeign(rotatingPath(target)) &&
       rename(path.c_str(), rotatingPath(target).c_str()) == 0) {
     *left = rotatingPath(target);
   }
-  if (writeGzip(input, std::move(output)) && publishArchive(target, written, archive, began, isLog))
-    return true;
+  if (writeGzip(input, std::move(output))) {
+    Published published = publishArchive(target, written, archive, began, isLog);
+    if (published != kUnnamed) return published == kNamed;
+  }
   // A cut archive of the log file is removed, so that failing again and again (a full disk)
   // costs nothing more; a repair's part file stays, marking its text as still to be archived.
   if (*left != path) rename(left->c_str(), path.c_str());
@@ -214,6 +226,16 @@ bool repairRotation(const LogTarget& target) {
   }
   if (!cut) {
     unlink(rotating.c_str());  // its archive was made
+    return true;
+  }
+  // Only the naming was cut: the whole archive is named, never replaced by shorter text.
+  if (isWholeArchive(part, static_cast<uint64_t>(st.st_size))) {
+    if (!manageCompressFiles(target) ||
+        publishArchive(target, part, archivePath(target, time(nullptr), false), 0, false) !=
+            kNamed) {
+      return false;
+    }
+    unlink(rotating.c_str());
     return true;
   }
   // The compression was cut. The text goes back to the log file, or into an archive of its own

@@ -14,4 +14,6 @@ std::string devicePath(const char* path) {
 
 bool crashTailWanted() { return getenv("VEK_NO_CRASH_TAIL") == nullptr; }
 
+bool flushSyncWanted() { return getenv("VEK_NO_FLUSH_SYNC") == nullptr; }
+
 }  // namespace vek

@@ -43,9 +43,20 @@ void runWriteTask(const LogTarget& target, std::vector<char>& buff,
 
 // Appends buff to the target's log file, rotating it first when needed, with the log file's
 // lock held, and notes the write in the crash tail of span. False, reported, when it could not
-// open the file or make room; *written, when given, tells whether the write itself succeeded.
+// open the file or make room; *written, when given, tells whether the write itself succeeded;
+// *synced, when given, whether the text then reached storage (fdatasync, and the directory's
+// sync for a file new at its name), reported when it did not.
 bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span,
-                 bool* written = nullptr);
+                 bool* written = nullptr, bool* synced = nullptr);
+
+// Puts the data of fd, the file at path, on storage; syncDir, the names made, moved or removed
+// in the directory dir. False, reported, when it could not.
+bool syncFile(int fd, const std::string& path);
+bool syncDir(const std::string& dir);
+
+// Whether path is a whole gzip archive of at least size bytes of text: its stream ends and its
+// check values match. Reads at most a little more than size bytes of text, in chunks.
+bool isWholeArchive(const std::string& path, uint64_t size);
 
 // Another process may log under the same name at once: a forked child, or a restart while the
 // old one still dies. The size check, the rotation and the append of a batch hold a write lock

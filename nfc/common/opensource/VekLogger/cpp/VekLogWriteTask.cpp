@@ -51,6 +51,9 @@ struct LockFile {
   std::mutex mMutex;
   std::string mPath;
   android::base::unique_fd mFd;
+  // The log file whose name was last synced in its directory.
+  dev_t mNamedDev = 0;
+  ino_t mNamedIno = 0;
 };
 LockFile* const gLockFile = new LockFile;
 
@@ -59,6 +62,20 @@ bool setLock(int fd, short type) {
   lock.l_type = type;
   lock.l_whence = SEEK_SET;
   return TEMP_FAILURE_RETRY(fcntl(fd, F_SETLKW, &lock)) == 0;
+}
+
+// Puts the log file's text on storage, and its name the first time after the file was made or
+// moved to it: a sync of the file's data leaves its directory entry to writeback.
+bool syncLogFile(const LogTarget& target, int fd, const struct stat& st) {
+  LockFile& file = *gLockFile;
+  bool named = st.st_dev == file.mNamedDev && st.st_ino == file.mNamedIno;
+  if (!syncFile(fd, target.mLogFilePath) || !(named || syncDir(target.mLogDir))) {
+    noteFailure(kFailAppend);
+    return false;
+  }
+  file.mNamedDev = st.st_dev;
+  file.mNamedIno = st.st_ino;
+  return true;
 }
 
 }  // namespace
@@ -91,7 +108,7 @@ LogFileLock::~LogFileLock() {
 void resetLogFileLockInChild() { new (&gLockFile->mMutex) std::mutex; }
 
 bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const TailSpan& span,
-                 bool* written) {
+                 bool* written, bool* synced) {
   LogFileLock lock(target.mLogFilePath);
   noteStep(kStepSizeCheck);
   if (!checkLogFileExceed(target, static_cast<int>(buff.size()))) {
@@ -106,11 +123,14 @@ bool appendBatch(const LogTarget& target, const std::vector<char>& buff, const T
     VEK_DIAG(ERROR) << "Failed to append file: " << target.mLogFilePath;
     return false;
   }
+  // Empty: made, or cut, since its name was last synced; it may have a removed file's inode.
+  if (st.st_size == 0) gLockFile->mNamedIno = 0;
   tailWriting(span, st);
   noteStep(kStepAppend);
   bool whole = android::base::WriteFully(fd, buff.data(), buff.size());
   if (!whole) noteFailure(kFailAppend);
   if (written != nullptr) *written = whole;
+  if (synced != nullptr) *synced = whole && syncLogFile(target, fd, st);
   return true;
 }
 
@@ -121,9 +141,13 @@ void runWriteTask(const LogTarget& target, std::vector<char>& buff,
     appendKernelLog(buff);
   }
   VEK_DIAG(INFO) << "writting buffer size: " << buff.size();
-  // appendBatch has closed the file by now, so a woken waiter finds the text in it.
+  // appendBatch has closed the file by now, so a woken waiter finds the text in it; one that
+  // waits is told it is on storage.
   bool written = false;
-  int completion = appendBatch(target, buff, span, &written) ? 0 : 1;
+  bool synced = true;
+  bool* sync = promise && flushSyncWanted() ? &synced : nullptr;
+  int completion = appendBatch(target, buff, span, &written, sync) ? 0 : 1;
+  if (written && !synced) completion = 1;
   if (written) {
     count(gStats->mBatchesAppended);
     count(gStats->mBytesAppended, buff.size());

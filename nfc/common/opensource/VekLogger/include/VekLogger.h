@@ -180,7 +180,9 @@ VEK_EXPORT void __vek_log_w(const char* tag, const char* fmt, ...)
 VEK_EXPORT void __vek_log_e(const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 2, 3)));
 
-// Hands the buffered text to the writer and waits up to 2 seconds for it to reach the file.
+// Hands the buffered text to the writer and waits up to 2 seconds for it to reach the file;
+// true means it is on storage (synced), so that a power cut right after keeps it. Batches
+// nobody waits for reach storage within the kernel's writeback delay.
 VEK_EXPORT bool __vek_save_log_now(void);
 
 // Writes a short plain-text report of the library's own state to fd, for a HAL's dump(): the

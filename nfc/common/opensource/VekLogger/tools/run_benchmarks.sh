@@ -84,6 +84,24 @@ scratch=$(mktemp -d)
   --benchmark_report_aggregates_only=true \
   --benchmark_out="$scratch/bench.json" --benchmark_out_format=json | tee "$scratch/stdout.txt"
 grep -E '^(sustained|rotation|flush|memory):' "$scratch/stdout.txt" > "$scratch/storage.txt"
+# A flush's cost where a sync really writes: an ext4 file system of its own on a loop device
+# (as root), the sync on and off (VEK_NO_FLUSH_SYNC), alternately.
+ext4=$scratch/ext4
+if truncate -s 256M "$ext4.img" && mkfs.ext4 -q -F "$ext4.img" && mkdir "$ext4" &&
+  mount -o loop "$ext4.img" "$ext4" 2>/dev/null; then
+  for round in 1 2 3; do
+    for side in synced "not synced"; do
+      off=()
+      [ "$side" = synced ] || off=(VEK_NO_FLUSH_SYNC=1)
+      env "${off[@]}" TMPDIR="$ext4" "$bin/vek_bench" --flush-only |
+        sed "s/^flush:/flush on ext4, $side, round $round:/" >> "$scratch/storage.txt"
+    done
+  done
+  umount "$ext4"
+else
+  echo "flush on ext4: not measured (needs root and a loop device)" >> "$scratch/storage.txt"
+fi
+rm -f "$ext4.img"
 "$bin/vek_latency" --calls "${calls:-1200000}" --out "$scratch/latency.json" |
   tee "$scratch/latency.txt"
 grep -E '^handover:' "$scratch/latency.txt" >> "$scratch/storage.txt"
