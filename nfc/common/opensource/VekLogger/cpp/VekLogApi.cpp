@@ -54,11 +54,12 @@ void logFormatted(int level, const char* tag, const char* fmt, va_list args) {
   if (fmt == nullptr || inside == vek::Inside::kPrinting) return;
   if (tag == nullptr) tag = "";
   char text[kStackText];
-  va_list measure;
-  va_copy(measure, args);
-  int length = vek::formatQuick(text, sizeof(text), fmt, &measure);
-  va_end(measure);
+  va_list quick;
+  va_copy(quick, args);
+  int length = vek::formatQuick(text, sizeof(text), fmt, &quick);
+  va_end(quick);
   if (length < 0) {
+    va_list measure;
     va_copy(measure, args);
     length = vsnprintf(text, sizeof(text), fmt, measure);
     va_end(measure);
