@@ -122,7 +122,7 @@ std::vector<std::string> listDir(const std::string& dir, bool hidden) {
 std::string statusOf(const std::function<int()>& body) {
   pid_t pid = fork();
   if (pid == 0) {
-    alarm(20);
+    alarm(kChildSeconds);
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // children of a child that hung go with it
     exit(body());
   }

@@ -78,8 +78,9 @@ std::string gunzip(const std::string& path);
 std::string dumpState();
 // The number after label in a dump ("flushes: " -> 3), or -1.
 long long dumpCount(const std::string& dump, const std::string& label);
-// How body ended in a child process, which has 20 s: "exit N", or "signal N" (14, SIGALRM: it
-// hung).
+// How long a child process of a test may take before it counts as hung.
+constexpr unsigned kChildSeconds = 20;
+// How body ended in a child process: "exit N", or "signal N" (14, SIGALRM: it hung).
 std::string statusOf(const std::function<int()>& body);
 // The standard output of a shell command, which must exit with 0.
 std::string runCommand(const std::string& command);

@@ -244,7 +244,7 @@ TEST_F(Lifecycle, TheSurvivorRecoversASiblingsLines) {
       mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   pid_t old = fork();
   if (old == 0) {
-    alarm(20);
+    alarm(vektest::kChildSeconds);
     attach();
     for (int i = 0; i < 50; ++i) __vek_log_i("T", "old %d", i);
     *ready = 1;

@@ -108,26 +108,27 @@ grep -E '^handover:' "$scratch/latency.txt" >> "$scratch/storage.txt"
 
 # The crash tail on and off, the same build alternately (host builds skip the tail when
 # VEK_NO_CRASH_TAIL is set): per line while rotating and while only appending, and per call.
+# The two sides of an alternating comparison in the order of round $1: each goes first in every
+# other round, so that a slow spell of the machine does not fall on one side.
+sides() { if [ $(($1 % 2)) -eq 1 ]; then echo "$2 $3"; else echo "$3 $2"; fi; }
 tail_ab=$scratch/tail
 mkdir "$tail_ab"
 tail_side() { if [ "$1" = off ]; then VEK_NO_CRASH_TAIL=1 "${@:2}"; else "${@:2}"; fi; }
 for round in $(seq "$rounds"); do
   echo "crash tail on and off: __vek_log_i per line, round $round of $rounds"
-  for side in $(if [ $((round % 2)) -eq 1 ]; then echo on off; else echo off on; fi); do
+  for side in $(sides "$round" on off); do
     tail_side "$side" "$bin/vek_bench" --benchmark_filter='BM_VekLogI(/print:0|AppendOnly)/' \
       "${ab_options[@]}" --benchmark_format=json --no-storage > "$tail_ab/perline-$side-$round.json"
   done
 done
 for round in $(seq "$latency_rounds"); do
   echo "crash tail on and off: __vek_log_i per call, round $round of $latency_rounds"
-  for side in $(if [ $((round % 2)) -eq 1 ]; then echo on off; else echo off on; fi); do
+  for side in $(sides "$round" on off); do
     tail_side "$side" "$bin/vek_latency" --library-only --calls "${calls:-1200000}" \
       --out "$tail_ab/latency-$side-$round.json" > /dev/null
   done
 done
 
-# The two builds in the order of round $1: each goes first in every other round.
-sides() { if [ $(($1 % 2)) -eq 1 ]; then echo current baseline; else echo baseline current; fi; }
 side_bin() { if [ "$1" = current ]; then echo "$bin"; else echo "$base_bin"; fi; }
 ab=
 if [ -n "$baseline" ]; then
@@ -140,14 +141,14 @@ if [ -n "$baseline" ]; then
   # Alternating, so that a slow spell of the machine does not fall on one build.
   for round in $(seq "$rounds"); do
     echo "before and after: __vek_log_i per line, round $round of $rounds"
-    for side in $(sides "$round"); do
+    for side in $(sides "$round" current baseline); do
       "$(side_bin "$side")/vek_bench" --benchmark_filter=BM_VekLogI/print:0/ "${ab_options[@]}" \
         --benchmark_format=json --no-storage > "$ab/perline-$side-$round.json"
     done
   done
   for round in $(seq "$latency_rounds"); do
     echo "before and after: __vek_log_i per call, round $round of $latency_rounds"
-    for side in $(sides "$round"); do
+    for side in $(sides "$round" current baseline); do
       "$(side_bin "$side")/vek_latency" --library-only --calls "${calls:-1200000}" \
         --out "$ab/latency-$side-$round.json" > /dev/null
     done
