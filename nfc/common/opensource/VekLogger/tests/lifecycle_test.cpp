@@ -237,37 +237,11 @@ TEST_F(Lifecycle, LoggingGoesOnWithoutACrashTailUntilItCanBeMade) {
   EXPECT_EQ(1u, countOf(readFile(log), " T: logged all the same\n"));
 }
 
-// A process under the name dies while another lives (a restart while the old one still dies):
-// the survivor appends the dead one's lines, without attaching again.
-TEST_F(Lifecycle, TheSurvivorRecoversASiblingsLines) {
-  auto* ready = static_cast<std::atomic<int>*>(
-      mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  pid_t old = fork();
-  if (old == 0) {
-    alarm(vektest::kChildSeconds);
-    attach();
-    for (int i = 0; i < 50; ++i) __vek_log_i("T", "old %d", i);
-    *ready = 1;
-    pause();
-  }
-  while (*ready == 0) usleep(1000);
-  EXPECT_EQ("exit 0", statusOf([old, this] {
-              attach();
-              if (!vekWaitForWriter(10)) return 1;
-              kill(old, SIGKILL);
-              for (int waited = 0; waited < 1000; ++waited, usleep(10000)) {
-                if (countOf(readFile(log), " T: old 49\n") == 1) return 0;
-              }
-              return 2;
-            }));
-  waitpid(old, nullptr, 0);
-  std::string text = readFile(log);
-  for (int i = 0; i < 50; ++i) EXPECT_EQ(1u, countOf(text, " old " + std::to_string(i) + "\n"));
-}
-
-// A running process attaches again soon after its writer's last task, a dead process's tail
-// having appeared meanwhile: its lines are appended then.
-TEST_F(Lifecycle, EveryAttachmentRecovers) {
+// Dead processes' lines reach the file without a new process. A running process that attaches
+// again appends a dead one's tail that appeared after its writer's last task; it appends the
+// lines of a sibling under its name that dies beside it (a forked child, or a restart while the
+// old one still dies) within seconds.
+TEST_F(Lifecycle, LivingProcessesRecoverTheDeadOnes) {
   std::string dir = root.path("/data/vendor/nfc/");
   std::string aside = root.mRoot + "/aside";
   statusOf([] {
@@ -283,9 +257,26 @@ TEST_F(Lifecycle, EveryAttachmentRecovers) {
               if (!vekWaitForWriter(10) || rename(aside.c_str(), (dir + tails[0]).c_str()))
                 return 1;
               attach();
-              return vekWaitForWriter(10) ? 0 : 2;
+              if (!vekWaitForWriter(10) || countOf(readFile(log), " T: dead ") != 20) return 2;
+              int ends[2];
+              pid_t old = pipe(ends) == 0 ? fork() : -1;
+              if (old == 0) {
+                attach();
+                for (int i = 0; i < 50; ++i) __vek_log_i("T", "old %d", i);
+                _exit(write(ends[1], "r", 1) == 1 ? pause() : 1);
+              }
+              char ready;
+              if (read(ends[0], &ready, 1) != 1) return 3;
+              attach();
+              kill(old, SIGKILL);
+              waitpid(old, nullptr, 0);
+              for (int waited = 0; waited < 1000; ++waited, usleep(10000)) {
+                if (countOf(readFile(log), " T: old 49\n") == 1) return 0;
+              }
+              return 4;
             }));
-  EXPECT_EQ(20u, countOf(readFile(log), " T: dead "));
+  std::string text = readFile(log);
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(1u, countOf(text, " old " + std::to_string(i) + "\n"));
 }
 
 // Loggers of both platform layers forward every entry back into the library: its own
@@ -323,14 +314,11 @@ TEST_F(Lifecycle, ExitWithTheWriterStuckInATask) {
             }));
 }
 
-// How a child dies once it has logged its numbered lines. With mRotates, the log file starts
-// near its limit, a thread logs, and the child dies as the rotation is under way; then its
-// tail is damaged, and mRecoveryDeaths processes die while they recover it.
+// How a child dies once it has logged its numbered lines. With mDamage, its tail is damaged
+// before the next process attaches.
 struct Death {
   const char* mWhat;
   int mLines;
-  bool mRotates;
-  int mRecoveryDeaths;
   bool mRecovers;  // false: no tail is left (an exit's destructor discards it, or it is lost)
   bool mHeld;      // the writer is held: what passes the tail's 1 MiB is lost, and said so
   void (*mDie)();
@@ -338,59 +326,39 @@ struct Death {
   int mProven = 0;  // damaged: the lines a recovery can show to be whole; the file is set aside
 };
 
-constexpr off_t kSmallLimit = 1 << 20;  // rotations quick enough for emulators and sanitizers
-const std::string kFiller = "11-22 20:51:23.000 1873 2011 I Pre: filler\n";
-
-// A tail lost with its process, as when it could not be set up.
-void dieWithoutTail() {
-  std::string dir = std::string(getenv("VEK_LOG_ROOT")) + "/data/vendor/nfc/";
-  for (const std::string& name : tailsIn(dir)) unlink((dir + name).c_str());
-  raise(SIGKILL);
-}
-
 void killSelf() { raise(SIGKILL); }
-
-void attachSmall() {
-  VekLogRecorder::getInstance()->mMaxFileSize = kSmallLimit;
-  attach();
-}
 
 // Every line a log call accepted before the death is in the log file or an archive once, in
 // order, after a process attaches under the same name: whatever the moment, no line is lost,
-// repeated or cut, and no archive is broken. Only an exit, whose destructor discards what is
-// pending, or a lost tail recovers nothing; a rotation they cut leaves the text whole, and
-// before anything newer.
+// repeated or cut. Only an exit, whose destructor discards what is pending, recovers nothing.
+// Deaths at each step of a rotation or a recovery are powercut_test.cpp's.
 TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
   const Death deaths[] = {
-      {"kill -9, idle", 50, false, 0, true, false,
+      {"kill -9, idle", 50, true, false,
        [] {
          usleep(100000);
          raise(SIGKILL);
        }},
-      {"abort, batches queued", 3000, false, 0, true, false, [] { abort(); }},
-      {"SIGSEGV on another thread", 500, false, 0, true, false,
+      {"abort, batches queued", 3000, true, false, [] { abort(); }},
+      {"SIGSEGV on another thread", 500, true, false,
        [] { std::thread([] { raise(SIGSEGV); }).join(); }},
-      {"_exit", 300, false, 0, true, false, [] { _exit(0); }},
-      {"kill -9 mid-rotation", 1500, true, 0, true, false, killSelf},
-      {"kill -9 mid-rotation and mid-recovery", 1500, true, 1, true, false, killSelf},
-      {"kill -9 mid-rotation, no tail", 1500, true, 0, false, false, dieWithoutTail},
-      {"kill -9, the writer held past the tail", 30000, false, 0, true, true, killSelf},
-      {"exit", 50, false, 0, false, false, [] { exit(0); }},
-      {"exit mid-rotation", 1500, true, 0, false, false, [] { exit(0); }},
+      {"_exit", 300, true, false, [] { _exit(0); }},
+      {"kill -9, the writer held past the tail", 30000, true, true, killSelf},
+      {"exit", 50, false, false, [] { exit(0); }},
       // A tail is untrusted: whatever it holds, the next process starts and reads it once.
-      {"tail without a target", 20, false, 0, true, false, killSelf,
+      {"tail without a target", 20, true, false, killSelf,
        [](auto&, auto& h) { h.mTargetCount = 0; }},
-      {"tail with a target of no known process", 20, false, 0, true, false, killSelf,
+      {"tail with a target of no known process", 20, true, false, killSelf,
        [](auto&, auto& h) { h.mTargets[0].mProcess = -1; }},
-      {"tail with more text than its ring", 20, false, 0, true, false, killSelf,
+      {"tail with more text than its ring", 20, true, false, killSelf,
        [](auto&, auto& h) { h.mHead = h.mTail + vek::kTailCapacity + 1; }},
-      {"tail with a batch in flight past its text", 20, false, 0, true, false, killSelf,
+      {"tail with a batch in flight past its text", 20, true, false, killSelf,
        [](auto&, auto& h) { h.mFlightEnd = h.mHead + 1; }},
-      {"tail without its magic", 20, false, 0, true, false, killSelf,
+      {"tail without its magic", 20, true, false, killSelf,
        [](auto&, auto& h) { h.mMagic[0] = 0; }},
-      {"tail cut short", 20, false, 0, true, false, killSelf,
+      {"tail cut short", 20, true, false, killSelf,
        [](auto& p, auto&) { truncate(p.c_str(), vek::kTailCapacity / 2); }},
-      {"tail with a target from inside its eleventh line", 20, false, 0, true, false, killSelf,
+      {"tail with a target from inside its eleventh line", 20, true, false, killSelf,
        [](auto& p, auto& h) {
          std::string ring = readFile(p).substr(vek::kTailHeaderSize);
          size_t at = 0;
@@ -398,7 +366,7 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
          h.mTargets[h.mTargetCount++] = {at + 3, 0, 0};
        },
        10},
-      {"tail whose recovery began twice", 20, false, 0, true, false, killSelf,
+      {"tail whose recovery began twice", 20, true, false, killSelf,
        [](auto& p, auto&) { rename(p.c_str(), (p + ".2").c_str()); }},
   };
 
@@ -407,13 +375,9 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
   for (const Death& death : deaths) {
     vektest::ScratchRoot scratch;
     std::string dir = scratch.path("/data/vendor/nfc/");
-    size_t fillers = death.mRotates ? (kSmallLimit - 100) / kFiller.size() : 0;
-    std::string text;
-    for (size_t i = 0; i < fillers; ++i) text += kFiller;
-    vektest::writeFile(dir + "nfc_process.veklog", text);
     *accepted = 0;
-    statusOf([&death, accepted, &dir] {
-      attachSmall();
+    statusOf([&death, accepted] {
+      attach();
       if (death.mHeld) new vektest::WriterGate(VekLogRecorder::getInstance());
       std::thread([&death, accepted] {
         for (int i = 0; i < death.mLines; ++i) {
@@ -421,8 +385,7 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
           *accepted = i + 1;
         }
       }).detach();
-      while (death.mRotates && !vektest::exists(dir + ".nfc_process.veklog.gz.part")) usleep(100);
-      while (!death.mRotates && *accepted < death.mLines) usleep(100);
+      while (*accepted < death.mLines) usleep(100);
       death.mDie();
       return 0;
     });
@@ -434,22 +397,14 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
       pwrite(fd, image.mHeader, sizeof(image.mHeader), 0);
       close(fd);
     }
-    for (int i = 0; i < death.mRecoveryDeaths; ++i) {
-      statusOf([] {
-        attachSmall();
-        usleep(2000);
-        return raise(SIGKILL);
-      });
-    }
     ASSERT_EQ("exit 0", statusOf([] {
-                attachSmall();
+                attach();
                 return vekWaitForWriter(10) ? 0 : 1;
               }))
         << death.mWhat;
     std::string found;
     for (const std::string& name : archives(dir)) found += vektest::gunzip(dir + name);
     found += readFile(dir + "nfc_process.veklog");
-    EXPECT_EQ(fillers, countOf(found, " Pre: filler\n")) << death.mWhat;
     int next = 0;
     for (size_t at = found.find(" T: line "); at != std::string::npos;
          at = found.find(" T: line ", at + 1)) {
@@ -462,11 +417,8 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
     } else if (death.mHeld) {
       EXPECT_LT(next, *accepted) << death.mWhat;
       EXPECT_EQ(1u, countOf(found, " bytes logged before a death were lost\n")) << death.mWhat;
-    } else if (death.mRecovers) {
-      EXPECT_TRUE(next == *accepted || (death.mRotates && next == *accepted + 1)) << death.mWhat;
     } else {
-      // The line being logged at the death may have been written before it was counted.
-      EXPECT_LE(next, death.mRotates ? *accepted + 1 : 0) << death.mWhat;
+      EXPECT_EQ(death.mRecovers ? accepted->load() : 0, next) << death.mWhat;
     }
   }
 }
