@@ -143,9 +143,12 @@ void appendLine(std::vector<char>& buffer, int level, const LineIds& ids, const 
   buffer.insert(buffer.end(), line, out);
 }
 
-// Takes mutex, spinning a little first: a logging thread holds it for well under a
+// Takes mutex. When another thread holds it, works out the local time of this second
+// meanwhile (*early), then spins a little: a logging thread holds it for well under a
 // microsecond, while sleeping and being woken costs several.
-void lockSoon(std::mutex& mutex) {
+void lockSoon(std::mutex& mutex, LocalSecond* early) VEK_ACQUIRE(mutex) {
+  if (mutex.try_lock()) return;
+  *early = localSecond();
   for (int spin = 0; spin < kLockSpins; ++spin) {
     if (mutex.try_lock()) return;
 #if defined(__x86_64__) || defined(__i386__)
@@ -174,10 +177,7 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
   // appends: threads that log at once wait less for each other.
   LineIds ids = readIds();
   LocalSecond early;
-  if (!recorder.mMutex.try_lock()) {
-    early = localSecond();
-    lockSoon(recorder.mMutex);
-  }
+  lockSoon(recorder.mMutex, &early);
   std::lock_guard<std::mutex> lock(recorder.mMutex, std::adopt_lock);
   if (!recorder.mAttached) return;
   std::string_view lineTag = tag.empty() ? std::string_view(recorder.mProcessName) : tag;

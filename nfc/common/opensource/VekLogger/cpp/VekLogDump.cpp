@@ -56,6 +56,7 @@ struct Snapshot {
   char mLogDir[256];
   size_t mQueued;
   size_t mBuffered;
+  bool mRestartWriter;
   uint64_t mLines, mBatches, mBytes, mDroppedNoWriter, mFlushes;
   vek::TailReport mTail;
 };
@@ -73,6 +74,7 @@ Snapshot snapshot(VekLogRecorder& recorder) {
   snprintf(s.mLogDir, sizeof(s.mLogDir), "%s", recorder.mLogDir.c_str());
   s.mQueued = recorder.mTasks.size();
   s.mBuffered = recorder.mBuffer.size();
+  s.mRestartWriter = recorder.mRestartWriter;
   const vek::Stats& stats = *vek::gStats;
   s.mLines = stats.mLinesRecorded;
   s.mBatches = stats.mBatchesHandedOver;
@@ -102,7 +104,7 @@ void addFiles(Report& report, const Snapshot& s) {
   if (dir != nullptr) closedir(dir);
 }
 
-void addWriter(Report& report, const VekLogRecorder& recorder) {
+void addWriter(Report& report, const VekLogRecorder& recorder, const Snapshot& s) {
   const vek::Stats& stats = *vek::gStats;
   const char* since = report.time(stats.mSince.load(std::memory_order_relaxed));
   switch (recorder.mWriterState.load()) {
@@ -120,7 +122,7 @@ void addWriter(Report& report, const VekLogRecorder& recorder) {
       report.add("writer: starting\n");
       break;
     default:
-      report.add("writer: not running%s\n", recorder.mRestartWriter ? " (cannot be started)" : "");
+      report.add("writer: not running%s\n", s.mRestartWriter ? " (cannot be started)" : "");
   }
 }
 
@@ -155,7 +157,7 @@ extern "C" void __vek_dump_state(int fd) {
       report.add("process: %s\n", s.mProcess);
       addFiles(report, s);
     }
-    addWriter(report, recorder);
+    addWriter(report, recorder, s);
     report.add("queued: %zu batches, %llu bytes; buffered: %zu bytes\n", s.mQueued,
                static_cast<unsigned long long>(stats.mBytesQueued.load()), s.mBuffered);
     report.add("recorded: %llu lines; handed over: %llu batches, %llu bytes\n",

@@ -2,6 +2,7 @@
 // writer can trip over, and fork handlers.
 #include "VekLogLifecycle.h"
 
+#include <android-base/thread_annotations.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -42,8 +43,10 @@ bool waitUntil(Done done) {
 // recovery, which must come before anything newer) goes before the queue.
 bool takeTask(VekLogRecorder* recorder, std::function<void()>* task, bool* worked) {
   std::unique_lock<std::mutex> lock(recorder->mMutex);
+  android::base::ScopedLockAssertion held(recorder->mMutex);  // std::unique_lock is not annotated
   // Tail work taken by one wait is kept through the next.
   auto ready = [recorder, task] {
+    android::base::ScopedLockAssertion held(recorder->mMutex);  // called with lock held
     if (!*task) *task = takeTailWork(*recorder);
     return recorder->mStopWriter || *task || !recorder->mTasks.empty();
   };
@@ -120,7 +123,8 @@ bool gForkLocked = false;
 // The parent keeps mMutex across fork, so the child's copy of the buffer and queue is whole,
 // and lets no line of the library be half written through libbase. In that order: a line may
 // come back through a platform logger into record, which takes mMutex.
-void lockForFork() {
+// The analysis cannot follow a lock taken in one fork handler and released in another.
+void lockForFork() VEK_NO_THREAD_SAFETY_ANALYSIS {
   pthread_rwlock_wrlock(&gLibbaseLines);
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
   gForkLocked = !recorder->mClosed;
@@ -128,7 +132,7 @@ void lockForFork() {
   lockTailFiles();
 }
 
-void unlockInParent() {
+void unlockInParent() VEK_NO_THREAD_SAFETY_ANALYSIS {
   unlockTailFiles();
   if (gForkLocked) VekLogRecorder::getInstance()->mMutex.unlock();
   pthread_rwlock_unlock(&gLibbaseLines);
@@ -146,6 +150,7 @@ void resetInChild() {
   if (!gForkLocked) return;
   new (&recorder->mMutex) std::mutex;
   new (&recorder->mCondition) std::condition_variable;
+  std::lock_guard<std::mutex> lock(recorder->mMutex);  // a fresh one, free in the only thread
   recorder->mTasks.clear();
   recorder->mBuffer.clear();
   recorder->mRestartWriter = recorder->mRestartWriter || recorder->mWorker.joinable();

@@ -57,8 +57,8 @@ bool startThread(std::thread& thread, void (*body)(VekLogRecorder*), VekLogRecor
 // Queues buff as a write task, as sendBuffToWorker does. A task with announced valid waits for
 // it before it runs. The caller holds mMutex.
 bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
-              std::shared_ptr<std::promise<int>> promise,
-              const std::shared_future<void>& announced);
+              std::shared_ptr<std::promise<int>> promise, const std::shared_future<void>& announced)
+    VEK_REQUIRES(recorder.mMutex);
 
 // Records message as lines of level and tag: record() without copying the caller's text.
 void recordText(VekLogRecorder& recorder, int level, std::string_view tag,

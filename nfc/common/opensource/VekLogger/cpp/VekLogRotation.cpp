@@ -290,16 +290,25 @@ bool manageCompressFiles(const LogTarget& target) {
   return true;
 }
 
+namespace {
+
+// The public calls copy the attachment under mMutex: attchProcess may change it meanwhile.
+LogTarget lockedTarget(VekLogRecorder& recorder) VEK_EXCLUDES(recorder.mMutex) {
+  std::lock_guard<std::mutex> lock(recorder.mMutex);
+  return currentTarget(recorder);
+}
+
+}  // namespace
 }  // namespace vek
 
 bool VekLogRecorder::checkLogFileExceed(int size) {
-  return vek::checkLogFileExceed(vek::currentTarget(*this), size);
+  return vek::checkLogFileExceed(vek::lockedTarget(*this), size);
 }
 
 std::string VekLogRecorder::getCompressedLogFile() {
-  return vek::getCompressedLogFile(vek::currentTarget(*this));
+  return vek::getCompressedLogFile(vek::lockedTarget(*this));
 }
 
 bool VekLogRecorder::manageCompressFiles() {
-  return vek::manageCompressFiles(vek::currentTarget(*this));
+  return vek::manageCompressFiles(vek::lockedTarget(*this));
 }

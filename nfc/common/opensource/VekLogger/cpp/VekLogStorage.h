@@ -14,8 +14,6 @@
 
 #include "VekLogTail.h"
 
-class VekLogRecorder;
-
 namespace vek {
 
 // The attachment a task writes for, copied when it is queued, so that a later attchProcess
@@ -27,8 +25,8 @@ struct LogTarget {
   uint32_t mMaxFileSize;
 };
 
-// The recorder's attachment as it stands; the caller keeps it from changing meanwhile.
-LogTarget currentTarget(const VekLogRecorder& recorder);
+// The recorder's attachment as it stands.
+LogTarget currentTarget(const VekLogRecorder& recorder) VEK_REQUIRES(recorder.mMutex);
 
 // The known processes (kKnownProcesses), and the log file of each.
 int knownProcess(const std::string& name);  // -1 for any other name

@@ -23,46 +23,10 @@
 #include <string>
 #include <vector>
 
-class VekLogRecorder;
+#include "VekLogTailFormat.h"
+#include "VekLogger.h"
 
 namespace vek {
-
-// What the writer leaves pending while it compresses a full log file: about a second at level
-// 9 on a phone's background priority, at 0.9 MiB/s (the demo's rate, the heaviest logging
-// seen). The pages are a file's: resident while mapped, but written back and reclaimable.
-constexpr uint32_t kTailCapacity = 1024 * 1024;
-constexpr size_t kTailHeaderSize = 4096;
-constexpr char kTailMagic[8] = {'V', 'E', 'K', 'T', 'A', 'I', 'L', '1'};
-constexpr int kTailTargets = 8;
-// The known processes, in the order attchProcess compares them: a tail's lines go to one.
-constexpr int kKnownProcesses = 4;
-
-// From ring position mFrom on, lines go to the log file of the known process mProcess.
-struct TailTarget {
-  uint64_t mFrom;
-  int32_t mProcess;
-  int32_t mUnused;
-};
-
-// Positions count bytes since the tail was made; the ring holds [mTail, mHead).
-struct TailHeader {
-  char mMagic[8];
-  uint32_t mCapacity;
-  uint32_t mTargetCount;
-  std::atomic<uint64_t> mHead;        // bytes ever put in: logging threads, under mMutex
-  std::atomic<uint64_t> mTail;        // bytes ever consumed (appended or dropped): the writer
-  std::atomic<uint64_t> mLostLogged;  // bytes the ring had no room for: logging threads
-  std::atomic<uint64_t> mLostDone;    // of those, the ones whose batch is done: the writer
-  // The batch being appended, [mTail, mFlightEnd), and the file it goes to; 0: none.
-  std::atomic<uint64_t> mFlightEnd;
-  uint64_t mFlightLost;
-  uint64_t mFlightDev;
-  uint64_t mFlightIno;
-  int64_t mFlightOffset;
-  TailTarget mTargets[kTailTargets];
-  std::atomic<uint32_t> mClosed;  // the destructor ran: exit discards what is pending
-};
-static_assert(sizeof(TailHeader) <= kTailHeaderSize, "the header fits its page");
 
 // A batch's place in the tail, consumed when the batch is done. No header: not protected.
 struct TailSpan {
@@ -72,38 +36,11 @@ struct TailSpan {
   int mFd = -1;        // a dead process's tail read back: the notes are written to its file
 };
 
-// A tail file read back with pread, never mapped, so that nothing done to the file meanwhile
-// (a truncation) can fault the reader. Every byte of it is untrusted: a power cut, a bad
-// block, a full disk or another process may have left anything there.
-struct TailImage {
-  TailHeader& header() { return *reinterpret_cast<TailHeader*>(mHeader); }
-  const TailHeader& header() const { return *reinterpret_cast<const TailHeader*>(mHeader); }
-
-  alignas(TailHeader) unsigned char mHeader[sizeof(TailHeader)];
-  std::vector<char> mText;  // the ring's [mTail, mHead)
-};
-
-// Reads the tail file fd; false when it is no tail this library could have written: a size,
-// a position, a count or a target out of range, a batch in flight longer than the ring.
-bool readTail(int fd, TailImage* image);
-
-// Where the leading run of image's text ends that is whole lines as the library formats them,
-// with no target or batch in flight beginning inside a line: the text a recovery may append.
-uint64_t provenEnd(const TailImage& image);
-
-// The known process the line at position at goes to (the first target's before it).
-inline int targetAt(const TailHeader& header, uint64_t at) {
-  int process = header.mTargets[0].mProcess;
-  for (uint32_t i = 1; i < header.mTargetCount && i < kTailTargets; ++i) {
-    if (header.mTargets[i].mFrom <= at) process = header.mTargets[i].mProcess;
-  }
-  return process;
-}
-
 // Logging threads, under mMutex: a whole line goes into the ring, or counts as lost when the
 // ring has no room; at a hand-over of mBuffer, the batch takes what the ring holds of it.
-void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size);
-TailSpan takeTailSpan(const VekLogRecorder& recorder);
+void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size)
+    VEK_REQUIRES(recorder.mMutex);
+TailSpan takeTailSpan(const VekLogRecorder& recorder) VEK_REQUIRES(recorder.mMutex);
 
 // The writer, for a batch it appends to the file st describes (its end is where the batch
 // goes), and once the batch is done, appended or dropped.
@@ -122,10 +59,11 @@ void attachTail(VekLogRecorder& recorder, int process);
 bool recoverTails(VekLogRecorder& recorder, int process);
 
 // Under mMutex: the writer's tail work (a recovery, a set-up of this process's tail), if any.
-std::function<void()> takeTailWork(VekLogRecorder& recorder);
+std::function<void()> takeTailWork(VekLogRecorder& recorder) VEK_REQUIRES(recorder.mMutex);
 // Under mMutex: when the writer, idle, is to look again for work on the tail (another process
 // under the name lives, whose death it watches for); none: it waits for a batch.
-std::optional<std::chrono::steady_clock::time_point> tailWakeAt(const VekLogRecorder& recorder);
+std::optional<std::chrono::steady_clock::time_point> tailWakeAt(const VekLogRecorder& recorder)
+    VEK_REQUIRES(recorder.mMutex);
 
 // Under mMutex: this process's tail, for a dump.
 struct TailReport {
@@ -134,7 +72,7 @@ struct TailReport {
   uint64_t mPending;  // bytes whose batch is not yet appended
   uint64_t mLost;     // bytes the ring had no room for, not yet reported
 };
-TailReport tailReport(const VekLogRecorder& recorder);
+TailReport tailReport(const VekLogRecorder& recorder) VEK_REQUIRES(recorder.mMutex);
 
 // The destructor: nothing is left to recover. The mapping goes only when nothing can use it.
 void closeTail(const VekLogRecorder& recorder, bool unmap);

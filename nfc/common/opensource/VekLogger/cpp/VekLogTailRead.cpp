@@ -1,5 +1,6 @@
 // Reading a tail file back, for a recovery and for vek_tail: every value is checked against
 // what a living process could have written before it is used.
+#include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,7 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "VekLogTail.h"
+#include "VekLogTailFormat.h"
 
 namespace vek {
 namespace {

@@ -166,6 +166,22 @@
 
 #define VEK_EXPORT __attribute__((visibility("default")))
 
+// Lock annotations, checked by clang's -Wthread-safety (libbase's); other compilers skip them.
+#if defined(__clang__)
+#include <android-base/thread_annotations.h>
+#define VEK_GUARDED_BY(x) GUARDED_BY(x)
+#define VEK_REQUIRES(...) REQUIRES(__VA_ARGS__)
+#define VEK_EXCLUDES(...) EXCLUDES(__VA_ARGS__)
+#define VEK_ACQUIRE(...) ACQUIRE(__VA_ARGS__)
+#define VEK_NO_THREAD_SAFETY_ANALYSIS NO_THREAD_SAFETY_ANALYSIS
+#else
+#define VEK_GUARDED_BY(x)
+#define VEK_REQUIRES(...)
+#define VEK_EXCLUDES(...)
+#define VEK_ACQUIRE(...)
+#define VEK_NO_THREAD_SAFETY_ANALYSIS
+#endif
+
 extern "C" {
 // Format the message, record it at level 6 (v), 5 (d), 4 (i), 3 (w) or 2 (e), then print it to
 // the platform log at the matching Android priority. An empty message does nothing.
@@ -221,7 +237,8 @@ class VEK_EXPORT VekLogRecorder {
   void record(int level, const std::string& tag, const std::string& message);
 
   // Queues buff as a write task. The caller holds mMutex. False for an empty buffer.
-  bool sendBuffToWorker(std::vector<char>&& buff, std::shared_ptr<std::promise<int>> promise);
+  bool sendBuffToWorker(std::vector<char>&& buff, std::shared_ptr<std::promise<int>> promise)
+      VEK_REQUIRES(mMutex);
 
   // Hands the buffer to the writer; with wait, blocks up to 2 s for the write's outcome.
   bool saveLogsToFile(bool wait);
@@ -240,22 +257,22 @@ class VEK_EXPORT VekLogRecorder {
 
   std::mutex mMutex;
   std::condition_variable mCondition;
-  bool mAttached;
-  std::string mProcessName;
-  std::string mLogDir;
-  std::string mLogFilePath;
+  bool mAttached VEK_GUARDED_BY(mMutex);  // isNeedRecord reads it atomically without
+  std::string mProcessName VEK_GUARDED_BY(mMutex);
+  std::string mLogDir VEK_GUARDED_BY(mMutex);
+  std::string mLogFilePath VEK_GUARDED_BY(mMutex);
   int mPrintLevel;
   int mRecordLevel;
   uint32_t mMaxFileSize;
   uint32_t mFlushThreshold;
-  std::vector<char> mBuffer;
+  std::vector<char> mBuffer VEK_GUARDED_BY(mMutex);
   std::thread mWorker;
-  std::deque<std::function<void()>> mTasks;
-  // Set under mMutex by the destructor; the writer leaves its loop when it sees it.
-  bool mStopWriter;
+  std::deque<std::function<void()>> mTasks VEK_GUARDED_BY(mMutex);
+  // Set by the destructor; the writer leaves its loop when it sees it.
+  bool mStopWriter VEK_GUARDED_BY(mMutex);
   // No writer runs though one should (a forked child's, or one the system refused to start):
   // the next hand-over starts one.
-  bool mRestartWriter;
+  bool mRestartWriter VEK_GUARDED_BY(mMutex);
   // Read and written without mMutex. The storage outlives the destructor, so late callers
   // still find mClosed set and leave without touching anything else.
   std::atomic<bool> mClosed;

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# From a fresh checkout: checks that Android.bp is as bpfmt formats it, then builds the library
+# From a fresh checkout: checks that Android.bp is as bpfmt formats it and that the library keeps
+# its lock rules (clang's -Wthread-safety), then builds the library
 # (vek_log_record, with the vek_host_platform it links) with clang and Android's default flags,
 # once as gnu++17 and once as gnu++20, each in build-android-gnu++NN.
 #
@@ -10,7 +11,7 @@ top=$(cd "$here/../../../../.." && pwd)
 module=$(cd "$here/.." && pwd)
 flags=(-fno-exceptions -fno-rtti -Wall -Wextra -Werror)
 
-"$here/install_deps.sh" clang blueprint-tools
+"$here/install_deps.sh" clang blueprint-tools libc++-dev libc++abi-dev
 
 # bpfmt exits 0 either way; a difference is what it prints.
 difference=$(bpfmt -d "$module/Android.bp")
@@ -20,6 +21,15 @@ if [ -n "$difference" ]; then
   exit 1
 fi
 echo "== Android.bp: bpfmt-clean"
+
+# The lock rules: clang's analysis against libc++'s annotated std::mutex (Debian's libbase is
+# built against libstdc++, so this only compiles).
+for source in "$module"/cpp/*.cpp; do
+  clang++ -std=gnu++17 -stdlib=libc++ -D_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS -Wthread-safety \
+    -Werror "${flags[@]}" -fsyntax-only -I"$module/include" -I"$module/cpp" \
+    -I"$module/host_platform" -isystem /usr/include/android "$source"
+done
+echo "== -Wthread-safety: clean"
 
 for standard in 17 20; do
   build=$top/build-android-gnu++$standard

@@ -10,7 +10,7 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include "VekLogTail.h"
+#include "VekLogTailFormat.h"
 
 namespace {
 
