@@ -166,21 +166,18 @@
 
 #define VEK_EXPORT __attribute__((visibility("default")))
 
-// Lock annotations, checked by clang's -Wthread-safety (libbase's); other compilers skip them.
+// Lock annotations, checked by clang's -Wthread-safety (the attributes libbase's
+// thread_annotations.h names); other compilers skip them.
 #if defined(__clang__)
-#include <android-base/thread_annotations.h>
-#define VEK_GUARDED_BY(x) GUARDED_BY(x)
-#define VEK_REQUIRES(...) REQUIRES(__VA_ARGS__)
-#define VEK_EXCLUDES(...) EXCLUDES(__VA_ARGS__)
-#define VEK_ACQUIRE(...) ACQUIRE(__VA_ARGS__)
-#define VEK_NO_THREAD_SAFETY_ANALYSIS NO_THREAD_SAFETY_ANALYSIS
+#define VEK_THREAD_ANNOTATION(x) __attribute__((x))
 #else
-#define VEK_GUARDED_BY(x)
-#define VEK_REQUIRES(...)
-#define VEK_EXCLUDES(...)
-#define VEK_ACQUIRE(...)
-#define VEK_NO_THREAD_SAFETY_ANALYSIS
+#define VEK_THREAD_ANNOTATION(x)
 #endif
+#define VEK_GUARDED_BY(x) VEK_THREAD_ANNOTATION(guarded_by(x))
+#define VEK_REQUIRES(...) VEK_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define VEK_EXCLUDES(...) VEK_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define VEK_ACQUIRE(...) VEK_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define VEK_NO_THREAD_SAFETY_ANALYSIS VEK_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 extern "C" {
 // Format the message, record it at level 6 (v), 5 (d), 4 (i), 3 (w) or 2 (e), then print it to
