@@ -5,6 +5,8 @@
 
 #include "VekLogDiag.h"
 #include "VekLogFormat.h"
+#include "VekLogLifecycle.h"
+#include "VekLogReentry.h"
 #include "VekLogger.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 
-#include "VekLogLifecycle.h"
+#include "VekLogReentry.h"
 
 namespace vek {
 

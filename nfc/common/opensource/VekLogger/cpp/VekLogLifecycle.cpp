@@ -14,6 +14,7 @@
 
 #include "VekLogDiag.h"
 #include "VekLogPlatform.h"
+#include "VekLogReentry.h"
 #include "VekLogStats.h"
 #include "VekLogStorage.h"
 #include "VekLogTail.h"

@@ -8,30 +8,6 @@
 
 namespace vek {
 
-// What this thread is doing inside the library, so that a call that comes back through a
-// platform logger can tell. Trivially destructible: valid during any thread or static teardown.
-enum class Inside { kNothing, kDiagnostic, kPrinting };
-extern thread_local Inside tInside;
-
-struct ScopedInside {
-  explicit ScopedInside(Inside what) : mSaved(tInside) { tInside = what; }
-  ~ScopedInside() { tInside = mSaved; }
-  ScopedInside(const ScopedInside&) = delete;
-  ScopedInside& operator=(const ScopedInside&) = delete;
-
-  Inside mSaved;
-};
-
-// Held around every line the library writes through android::base logging. libbase keeps its
-// logging lock across fork, so fork waits until no such line is half written: a child forked
-// while one was would wait for that lock at its first line for good.
-struct LibbaseLine {
-  LibbaseLine();
-  ~LibbaseLine();
-  LibbaseLine(const LibbaseLine&) = delete;
-  LibbaseLine& operator=(const LibbaseLine&) = delete;
-};
-
 // Marks a thread inside record, a flush's hand-over or attchProcess. When mEntered is false the
 // destructor has begun, and the caller must leave without touching the recorder.
 struct UserScope {

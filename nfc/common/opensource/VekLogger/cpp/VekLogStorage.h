@@ -12,7 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "VekLogTail.h"
+#include "VekLogTailFormat.h"
+#include "VekLogger.h"
 
 namespace vek {
 
@@ -23,6 +24,15 @@ struct LogTarget {
   std::string mLogDir;       // ends in "/"
   std::string mLogFilePath;  // mLogDir + mProcessName + ".veklog"
   uint32_t mMaxFileSize;
+};
+
+// A batch's place in the crash tail, consumed when the batch is done. No header: the batch is
+// not protected.
+struct TailSpan {
+  TailHeader* mHeader = nullptr;
+  uint64_t mEnd = 0;
+  uint64_t mLost = 0;  // bytes of the batch the ring had no room for
+  int mFd = -1;        // a dead process's tail read back: the notes are written to its file
 };
 
 // The recorder's attachment as it stands.
@@ -91,15 +101,14 @@ bool compressGzip(const std::string& in, const std::string& out);
 android::base::unique_fd openGzipOutput(const std::string& out, const std::string& archive);
 bool writeGzip(int input, android::base::unique_fd output);
 
-// Opens path, an entry of a log directory that another process shares, with flags plus
-// O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC, and keeps it only when it is a regular file
-// or a directory: a link, FIFO or device planted there is never followed, waited on, read or
-// written.
 // The library's own file beside a log file: its name with a dot in front and suffix after,
 // so that whoever reads the directory's logs (lnav given the directory) passes it by.
 std::string privatePath(const std::string& logFile, const char* suffix);
 
-// st, when given, receives the file's status.
+// Opens path, an entry of a log directory that another process shares, with flags plus
+// O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC, and keeps it only when it is a regular file
+// or a directory: a link, FIFO or device planted there is never followed, waited on, read or
+// written. st, when given, receives the file's status.
 android::base::unique_fd openLogDirFile(const std::string& path, int flags, mode_t mode = 0,
                                         struct stat* st = nullptr);
 

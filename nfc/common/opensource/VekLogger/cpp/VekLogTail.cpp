@@ -20,7 +20,6 @@
 #include <mutex>
 
 #include "VekLogDiag.h"
-#include "VekLogLifecycle.h"
 #include "VekLogPlatform.h"
 #include "VekLogStats.h"
 #include "VekLogStorage.h"

@@ -23,18 +23,11 @@
 #include <string>
 #include <vector>
 
+#include "VekLogStorage.h"
 #include "VekLogTailFormat.h"
 #include "VekLogger.h"
 
 namespace vek {
-
-// A batch's place in the tail, consumed when the batch is done. No header: not protected.
-struct TailSpan {
-  TailHeader* mHeader = nullptr;
-  uint64_t mEnd = 0;
-  uint64_t mLost = 0;  // bytes of the batch the ring had no room for
-  int mFd = -1;        // a dead process's tail read back: the notes are written to its file
-};
 
 // Logging threads, under mMutex: a whole line goes into the ring, or counts as lost when the
 // ring has no room; at a hand-over of mBuffer, the batch takes what the ring holds of it.

@@ -14,6 +14,7 @@
 #include "VekLogPlatform.h"
 #include "VekLogStats.h"
 #include "VekLogStorage.h"
+#include "VekLogTail.h"
 #include "VekLogger.h"
 
 namespace vek {

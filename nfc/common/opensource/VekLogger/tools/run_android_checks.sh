@@ -31,6 +31,23 @@ for source in "$module"/cpp/*.cpp; do
 done
 echo "== -Wthread-safety: clean"
 
+# Each room of cpp/ (X.h with X.cpp) stands on the ones below it: no two include each other.
+includes() {  # the rooms that room $1 includes, itself too
+  local file
+  for file in "$module/cpp/$1".h "$module/cpp/$1".cpp; do
+    [ ! -f "$file" ] || sed -n 's/^#include "\(VekLog[A-Za-z]*\)\.h"$/\1/p' "$file"
+  done
+}
+for room in $(ls "$module"/cpp/ | grep -E '\.(h|cpp)$' | sed 's/\.[^.]*$//' | sort -u); do
+  for below in $(includes "$room"); do
+    if [ "$below" != "$room" ] && [[ " $(includes "$below" | tr '\n' ' ') " == *" $room "* ]]; then
+      echo "cpp/: $room and $below include each other" >&2
+      exit 1
+    fi
+  done
+done
+echo "== rooms of cpp/: none includes another that includes it"
+
 for standard in 17 20; do
   build=$top/build-android-gnu++$standard
   echo "== vek_log_record: clang++ -std=gnu++$standard ${flags[*]} in $build"
