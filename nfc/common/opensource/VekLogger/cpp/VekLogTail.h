@@ -1,15 +1,8 @@
-// The crash tail: a copy of every recorded line that is not yet in its log file, kept in a file
-// of the log directory mapped MAP_SHARED. Its pages belong to the page cache, not to the
-// process, so they outlive a process that dies without its destructor (kill -9, abort, a crash
-// on any thread, _exit). The next process to attach under the same name appends what was left,
-// in order and exactly once, before anything of its own.
-//
-// ".<log file>.<creation time>-<pid>.tail", 0640: a 4 KiB header, then a ring of kTailCapacity
-// bytes. Logging threads copy each line into the ring under mMutex, a plain memcpy into pages
-// made resident when it is set up; the writer moves the consumed mark past each batch once it
-// is appended. Before a batch is written, the header notes where it goes (the file's identity
-// and size), so that a death in the write neither loses nor repeats it. The file holds a lock
-// (flock) while its process lives: a tail whose lock can be taken is a dead process's.
+// The crash tail of a living process: a copy of every recorded line not yet in its log file, in
+// a file mapped MAP_SHARED (format: VekLogTailFormat.h), so that it outlives a death without
+// the destructor. Logging threads copy lines in under mMutex; the writer notes each batch before
+// it writes it and consumes it once done; the next process under the name recovers the rest
+// (VekLogRecovery.cpp).
 #pragma once
 
 #include <stdint.h>

@@ -1,152 +1,42 @@
-// libvek_log_record: the log recorder of the NFC and secure-element vendor processes.
-//
-// Every message goes two ways, each behind its own threshold: to the platform log, and as
-// time-stamped lines into the process's private log file. Usage:
+// libvek_log_record: the log recorder of the NFC and secure-element vendor processes. Every
+// message goes to the platform log and, behind its own threshold, as a time-stamped line into
+// the process's log file. Thresholds: "persist.vendor.vek.nfc.log", read once, print digit then
+// record digit, 0 (off) to 6 (verbose), default "55". Files: "/data/vendor/nfc/<process>.veklog"
+// or "/data/vendor/secure_element/<process>.veklog", rotated at 15 MiB into
+// "<process>_<YYYYmmdd_HHMMSS>.gz", five kept; no directory is made; hosts prefix $VEK_LOG_ROOT.
 //
 //   VekLogRecorder::getInstance()->attchProcess("nfc_process");  // once, at start-up
 //   __vek_log_i("NfcCore", "Discovery started, mode %d", mode);  // printf style
 //   VEK_LOG(INFO) << "ready";                                   // stream style
 //   __vek_save_log_now();                                       // flush, wait up to 2 s
 //
-// Thresholds come from the property "persist.vendor.vek.nfc.log", read once when the recorder
-// is first used: two digits, the print threshold then the record threshold, each 0 (off) to
-// 6 (verbose); default "55". A message of level L passes threshold T when L <= T.
-//
-// Recorded lines gather in memory and are appended by one writer thread in batches of a little
-// over 10240 bytes to "/data/vendor/nfc/<process>.veklog" or
-// "/data/vendor/secure_element/<process>.veklog". A file that would pass 15 MiB is compressed
-// into "<process>_<YYYYmmdd_HHMMSS>.gz" beside it and removed; five archives are kept. The
-// library creates no directories. Host builds prefix these paths with $VEK_LOG_ROOT.
-//
-// Choices this library makes where the platform leaves room:
-// - Lifecycle. The recorder lives in static storage until the process ends; the library is
-//   linked never to be unloaded (-z nodelete), so dlclose leaves it, its recorder and its
-//   writer in place. The destructor turns new callers away (mClosed), waits for those already
-//   inside a hand-over, stops the writer and joins it. A task that is running may finish for
-//   up to 2 s; a writer still busy then (a kernel log node that blocks, a slow rotation), or one
-//   not yet started, is left behind and never touches the recorder again, so exit is never held
-//   up for longer. Queued tasks and buffered text are discarded, and the crash tail with them:
-//   flush with __vek_save_log_now() before a planned exit. A log call after the destructor (a
-//   static destructor, an atexit handler, another thread during exit) is printed and not
-//   recorded. No per-thread state has a destructor, so a thread_local object may log from its
-//   own destructor.
-// - Crash tail. Every recorded line is also copied into a file of the log directory, mapped
-//   MAP_SHARED, until its batch is appended: ".<log file>.<creation time>-<pid>.tail". Its
-//   pages belong to the page cache, so a process that dies without its destructor (kill -9,
-//   abort, a crash on any thread, _exit) leaves its pending lines there, and the next process
-//   to attach under the same name appends them before anything of its own, in order and once
-//   (a batch cut by the death resumes where the file ends), then removes the file. The copy
-//   is a memcpy under mMutex into pages made resident, but clean, beforehand: no system call
-//   and no lock on the logging path; the first write to a page the kernel has written back
-//   takes a minor fault. Only pages lines are written to are ever dirtied: measured on ext4
-//   with 30 s writeback, the tail adds about 40 MiB a day of device writes at 1 line/s and
-//   200 MiB at 20 lines/s (2.8 times the text in all, with the log file). The ring holds 1 MiB,
-//   what the writer leaves pending while it compresses a full file (about a second) at the heaviest
-//   rate seen, 0.9 MiB/s; lines that find it full are not protected, and a recovery says how many
-//   bytes were lost, in a WARNING diagnostic and a W line of the log file. Cost: 1 MiB + 4 KiB of
-//   disk per living process, reserved before mapping so that a full disk never raises SIGBUS, and
-//   as much resident page cache. The file is 0640, close-on-exec, opened without following links,
-//   and holds a lock (flock) while its process lives: a locked tail is never recovered, so
-//   two processes under one name never take each other's lines. A forked child inherits
-//   no tail mapping and closes every tail file it inherited, so it never holds another's lock;
-//   its writer makes one of its own at its first batch (lines before that are not protected).
-//   While another process under the name lives (a restart while the old one still dies, a
-//   forked child), the writer looks every 2 s whether it has died, and appends its lines
-//   after its own lines written so far: the log file only grows at its end, and each line
-//   carries its time. The writer checks at each attachment and every 2 s while it works
-//   that the file is still whole at its name; one removed (its directory too) or cut is made
-//   again, with one WARNING ("Crash tail was removed or cut, made again: <path>"). Only the
-//   process's own user (or root) can cut it; a cut reaching a page a thread then writes
-//   raises SIGBUS in the process, as with any shared mapping. A failure to set it up leaves logging
-//   as it was, with one WARNING per process ("Failed to set up crash tail: <path>"); the writer
-//   tries again at the first batch 1 s after a failure, the wait doubling with each failure up to
-//   64 s. vek_tail (tools/) prints a tail's lines for a process that died and was not restarted.
-// - A dead process's tail is untrusted input: it is read with pread and every value checked
-//   before use; only its leading whole lines are appended. A tail that fails a check, or whose
-//   recovery began twice without finishing (the recovering process died each time), is set
-//   aside unread as "<tail>.bad" with one WARNING, kept for vek_tail, never recovered again;
-//   the newest one per process is kept, and retention of archives never counts it. A tail
-//   whose lines cannot be appended (a full disk) stays for the next attachment, with one ERROR.
-//   The first attchProcess recovers what dead processes left under the name (and completes a
-//   rotation a death cut short) before it adds the process's own tail, so it takes as long as
-//   appending their lines (and, after a death mid-rotation, compressing one log file). So a name
-//   has at most three tail files: one per living process (one, normally), one dead one and
-//   one set aside. Worst case per name, beside the 15 MiB log file and five archives: 3 MiB +
-//   12 KiB.
-// - Rotation in steps: the archive is written as ".<log file>.gz.part", named once it is whole
-//   and synced, and the log file is first moved to "<log file>.rotating", removed last. The
-//   next rotation, or every attachment before its first append (a tail left or none),
-//   completes one that a death cut short, so no text is lost or archived twice and no cut
-//   archive is left. A rotation whose compression fails (a full disk) removes its part file
-//   and keeps the log file, so failing again and again costs at most the one archive pruned to
-//   make room. compressGzip() itself leaves a failed output as it is.
-// - Processes may log under one name at once: a forked child, or a restart while the old
-//   process still dies. The size check, the rotation and the append of each batch hold a POSIX
-//   record lock on ".<log file>.lock" (0640, kept open by the writer), so each full file is
-//   rotated once and no process removes a file another has just begun; an archive of another
-//   process in the same second takes _1. A process stopped while it holds the lock (a
-//   debugger) holds up the other's writer, never its logging threads.
-// - fork(): the child gets a working recorder: a fresh lock and condition variable, and its own
-//   writer, started by its first hand-over. The parent's queued and buffered text is the
-//   parent's to write; the child drops its copy, so no line is written twice. fork waits for a
-//   line the library is writing through libbase, whose logging lock a child would inherit held,
-//   and may come at any moment of exit.
-// - A log call that comes back into the library on the same thread, through a platform logger
-//   that forwards into it, is not recorded: one that comes from the library's own diagnostic
-//   is printed (through liblog, without the threshold check), and one that comes from the
-//   library's own printing is dropped, since the platform log already has it. Diagnostics are
-//   written with mMutex released, so nothing here can deadlock on it; the batch of a flush
-//   waits until the flush's "saveLogsToFile size" line is written, so the lines keep the order
-//   they would have under the lock. (libbase holds its logging lock while a logger runs, so
-//   a LOG() line of the host that reaches such a logger must not come back as VEK_LOG, nor be
-//   the library's first use, whose diagnostic is a LOG() line too: either waits on that lock,
-//   as LOG() there would. Use the library once at start-up, as attchProcess does.)
-// - A writer thread that cannot be started (the system refuses threads) never ends the
-//   process: one ERROR diagnostic ("write buffer thread failed to start!"), then each hand-over
-//   tries again, and drops its batch while no writer runs (a flush returns false at once), so
-//   memory stays bounded; the crash tail keeps the dropped lines until a writer runs. The one
-//   function that starts the thread is built with exceptions, std::thread's only way to report
-//   the failure.
-// - Re-attaching is safe while tasks run: a write task keeps the process name and paths that
-//   were current when it was queued. With only unknown names attached, each batch fails to open
-//   the empty path and nothing is written anywhere, no lock file either.
-// - Negative levels are recorded (with an empty level letter) only while the record threshold
-//   is not 0, so no task is ever queued without a writer to run it. They are never printed.
-// - A level-1 message of VekLogAdapter is recorded, then printed at FATAL, which ends the
-//   process when the print threshold is 1 or more; only then, and only when attached, is it
-//   flushed first, with the bounded wait. A fatal message that is not printed forces nothing.
-// - VekLogAdapter records "[file(line)] text" as "%s" formats it: the text ends at its first
-//   NUL byte. The printed text keeps all of it.
-// - __vek_save_log_now() returns saveLogsToFile(true): true when the writer has appended the
-//   text buffered at the call, or when nothing was buffered (it then returns at once, without
-//   waiting for batches handed over earlier); false when not attached, when the log file could
-//   not be opened or rotated to make room, or after the 2 s time-out (the text is still written
-//   later). A write that fails after the open (a full disk) is not detected: the result is
-//   true. To wait for those earlier batches as well, flush once, then log one line and flush
-//   it until a flush returns true: a line alone never completes a batch, so that flush always
-//   has one of its own to wait for.
-// - Memory. The writer runs at Android's background priority (nice 10), so that compressing
-//   yields the cores to the threads that log. A rotation takes about 2.3 MiB (the deflate
-//   state and two 1 MiB chunks) and frees it when done; once the writer has had nothing to do
-//   for a second, it gives the allocator's free memory back to the system (glibc keeps it until
-//   malloc_trim; bionic's allocator returns it on its own schedule, M_PURGE at once), so an
-//   idle process holds what it held after its first lines, whatever it logged before.
-// - Files are created with mode 0640 and close-on-exec; an archive counts as made only once
-//   it has been synced and closed without error. The library's own files in a log directory
-//   begin with a dot, so that lnav given the directory reads the logs alone.
-// - Another process shares each log directory, so files there are opened without following
-//   links and without waiting, and used only when they are regular files or directories (a
-//   directory fails as an ordinary failure does: opened to write it fails, read it fails at its
-//   first read). A link, FIFO or device at the log file's path fails each write ("Failed to
-//   append file: <path>") until a regular file or nothing is there; nothing outside the
-//   directory is read or written.
-// - Archives are named to the second, so a rotation of this process later in the same second
-//   of real time takes the name of the one before it and replaces that archive. Any other entry
-//   with the name (an archive from before the clock or zone was set back, this process's own
-//   included, or one planted there) is kept: the rotation uses "<process>_<stamp>_1.gz", then
-//   _2 and so on, which sort right after the plain name, so retention, deleting in byte order,
-//   still deletes the older. (compressGzip() itself makes or replaces the file it is given,
-//   never through a link.)
+// Guarantees and choices, each with its section of docs/DESIGN.md, which says why: [1] the call,
+// [2] the crash tail, [3] the writer, [4] the log file, [5] archives, [6] deaths, [7] the files.
+// - A log call waits for nothing but mMutex: no other lock, no storage, no writer. [1]
+// - A call that a platform logger routes back into the library is printed or dropped. [1]
+// - Negative levels are recorded (empty letter) while recording is on, never printed. [1]
+// - A printed level-1 VekLogAdapter message is flushed first (when attached), then ends it. [1]
+// - Every recorded line is in a crash tail (mapped file) before its log call returns. [2]
+// - The tail writes about 40 MiB a day to flash at 1 line/s, 200 MiB at 20 (ext4, 30 s). [2]
+// - A tail that cannot be made: one WARNING; retried from 1 s, doubling up to 64 s. [2]
+// - A living tail is 0640 and flock-ed; cut by its user or root, it may raise SIGBUS. [2]
+// - A tail removed or cut is made again, with one WARNING naming it. [2]
+// - A writer that cannot start: one ERROR; each hand-over retries, its batch dropped. [3]
+// - __vek_save_log_now(): true once synced, or at once with nothing buffered. [3]
+// - A task keeps the paths current when queued: re-attaching while tasks run is safe. [3]
+// - Memory: a rotation's 2.3 MiB is freed; an idle writer returns free memory after 1 s. [3]
+// - Files are 0640, close-on-exec; the library's own begin with a dot (lnav skips them). [4]
+// - Planted links, FIFOs and devices are never followed or waited on; writes there fail. [4]
+// - Two processes under one name: ".<log file>.lock" orders their appends and rotations. [4]
+// - A rotation in steps: no death or power cut loses text, archives it twice or cuts one. [5]
+// - An archive name already taken by another entry becomes "_1", "_2"; retention still sorts. [5]
+// - kill -9, abort or a crash: the next process under the name appends the lines, once. [6]
+// - The first attchProcess recovers dead processes' tails and a cut rotation, then returns. [6]
+// - A dead sibling's lines follow the survivor's, within 2 s of its death. [6]
+// - A dead tail is read with pread and checked; a bad one is kept aside as "<tail>.bad". [6]
+// - fork(): the child gets its own writer and tail; the parent's pending text stays its own. [6]
+// - exit: at most 2 s for a running task; pending text and its tail are dropped: flush first. [6]
+// - Disk per name, worst case: 15 MiB file, five archives, three tails (3 MiB + 12 KiB). [7]
 
 #pragma once
 
@@ -194,8 +84,11 @@ VEK_EXPORT void __vek_log_e(const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 2, 3)));
 
 // Hands the buffered text to the writer and waits up to 2 seconds for it to reach the file;
-// true means it is on storage (synced), so that a power cut right after keeps it. Batches
-// nobody waits for reach storage within the kernel's writeback delay.
+// true means it is on storage (synced), so that a power cut right after keeps it. With nothing
+// buffered, true at once, without waiting for batches handed over earlier. False when not
+// attached, when the file could not be opened or rotated, its sync failed, or after the 2 s
+// (the text is still written later). A write that fails after the open returns true: the dump
+// shows it. Batches nobody waits for reach storage within the kernel's writeback delay.
 VEK_EXPORT bool __vek_save_log_now(void);
 
 // Writes a short plain-text report of the library's own state to fd, for a HAL's dump(): the
@@ -207,14 +100,19 @@ VEK_EXPORT bool __vek_save_log_now(void);
 VEK_EXPORT void __vek_dump_state(int fd);
 }
 
-// The one recorder of the process. Thresholds and the size limits are fixed at construction;
-// mMutex guards mBuffer and mTasks; everything on storage happens on the writer thread.
+// The one recorder of the process. mMutex guards the fields marked VEK_GUARDED_BY; the levels
+// and size limits are fixed at construction and read without it; everything on storage
+// happens on the writer thread.
 class VEK_EXPORT VekLogRecorder {
  public:
   // Creates the recorder on first use, thread-safely. Never null.
   static VekLogRecorder* getInstance();
 
   VekLogRecorder();
+  // Turns new callers away, waits for those inside a hand-over, and gives a running task up to
+  // 2 s; a writer busy past that is left behind and never touches the recorder again. Queued
+  // and buffered text and the crash tail are discarded. Later log calls are printed only. The
+  // library is linked -z nodelete: dlclose leaves it, its recorder and its writer in place.
   ~VekLogRecorder();
 
   // Reads the level property into mPrintLevel and mRecordLevel.
@@ -258,12 +156,14 @@ class VEK_EXPORT VekLogRecorder {
   std::string mProcessName VEK_GUARDED_BY(mMutex);
   std::string mLogDir VEK_GUARDED_BY(mMutex);
   std::string mLogFilePath VEK_GUARDED_BY(mMutex);
+  // Fixed once the constructor returns, read without mMutex.
   int mPrintLevel;
   int mRecordLevel;
   uint32_t mMaxFileSize;
   uint32_t mFlushThreshold;
   std::vector<char> mBuffer VEK_GUARDED_BY(mMutex);
-  std::thread mWorker;
+  std::thread
+      mWorker;  // started with mMutex held (or by the constructor), joined by the destructor
   std::deque<std::function<void()>> mTasks VEK_GUARDED_BY(mMutex);
   // Set by the destructor; the writer leaves its loop when it sees it.
   bool mStopWriter VEK_GUARDED_BY(mMutex);
@@ -279,7 +179,8 @@ class VEK_EXPORT VekLogRecorder {
 
 // Logs one message written to stream(); the destructor records "[file(line)] text" and prints
 // the bare text through android::base logging with the caller's file and line. Levels follow
-// the recorder's scale: 1 fatal to 6 verbose; other levels are never printed.
+// the recorder's scale: 1 fatal to 6 verbose; other levels are never printed. The recorded
+// text ends at its first NUL byte, as "%s" formats it; the printed text keeps all of it.
 class VEK_EXPORT VekLogAdapter {
  public:
   VekLogAdapter(int level, const char* file, int line);
