@@ -37,8 +37,8 @@ bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
     VEK_REQUIRES(recorder.mMutex);
 
 // Records message as lines of level and tag: record() without copying the caller's text.
-void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
-                std::string_view message);
+void recordText(VekLogRecorder& recorder, int level, std::string_view tag, std::string_view message)
+    VEK_EXCLUDES(recorder.mMutex);
 
 // One line of level, tag and text in the log file's format, stamped now by this thread.
 std::vector<char> formatLine(int level, std::string_view tag, std::string_view text);

@@ -39,31 +39,55 @@ constexpr int kRetryDoublings = 6;
 
 // This process's tail, of the first recorder to attach (the process's one; a recorder a test
 // makes beside it gets none). Made when the library is loaded and never destroyed: a writer
-// left behind at exit may still use it. The fields are guarded by the owner's mMutex.
+// left behind at exit may still use it. The fields are guarded by the owner's mMutex: logging
+// threads write the ring's positions, the writer the file's and the schedule's fields, a set-up
+// the mapping, each with the lock held.
 struct alignas(64) Tail {
   // What every line reads and writes, on one cache line: under contention the line moves
   // between the cores of the threads that log, with the lock.
   const VekLogRecorder* mOwner = nullptr;
-  TailHeader* mHeader = nullptr;  // null: lines are not protected
-  char* mRing = nullptr;
-  uint64_t mHead = 0;        // the header's mHead, which only the owner writes
-  uint64_t mRoomEnd = 0;     // the ring may be filled up to here: consumed mark + capacity
-  uint64_t mBatchStart = 0;  // where mBuffer's lines begin in the ring
-  uint64_t mBatchLost = 0;   // bytes of mBuffer the ring had no room for
+  TailHeader* mHeader VEK_GUARDED_BY(mOwner->mMutex) = nullptr;  // null: lines are not protected
+  char* mRing VEK_GUARDED_BY(mOwner->mMutex) = nullptr;
+  uint64_t mHead VEK_GUARDED_BY(mOwner->mMutex) =
+      0;  // the header's mHead, which only the owner writes
+  uint64_t mRoomEnd VEK_GUARDED_BY(mOwner->mMutex) =
+      0;  // the ring may be filled up to here: consumed mark + capacity
+  uint64_t mBatchStart VEK_GUARDED_BY(mOwner->mMutex) =
+      0;  // where mBuffer's lines begin in the ring
+  uint64_t mBatchLost VEK_GUARDED_BY(mOwner->mMutex) =
+      0;  // bytes of mBuffer the ring had no room for
 
-  int mFd = -1;
-  std::string mPath;
-  bool mWanted = false;  // attached under a known name: the process is to have a tail
-  bool mMaking = false;  // a thread is setting one up, with mMutex released
-  int mFailures = 0;     // set-ups failed; the first one says so
-  std::chrono::steady_clock::time_point mNextTry;  // no set-up is tried before
-  int mProcess = -1;                               // the known process lines now go to
-  unsigned mRecover = 0;  // known processes whose dead tails the writer is to recover
-  unsigned mWatch = 0;    // known processes with another process's tail, living
-  bool mRemade = false;   // the file was lost: the next set-up says so
-  std::chrono::steady_clock::time_point mNextCheck;  // the writer's next look (kCheckEvery)
+  int mFd VEK_GUARDED_BY(mOwner->mMutex) = -1;
+  std::string mPath VEK_GUARDED_BY(mOwner->mMutex);
+  bool mWanted VEK_GUARDED_BY(mOwner->mMutex) =
+      false;  // attached under a known name: the process is to have a tail
+  bool mMaking VEK_GUARDED_BY(mOwner->mMutex) =
+      false;  // a thread is setting one up, with mMutex released
+  int mFailures VEK_GUARDED_BY(mOwner->mMutex) = 0;  // set-ups failed; the first one says so
+  std::chrono::steady_clock::time_point mNextTry
+      VEK_GUARDED_BY(mOwner->mMutex);                // no set-up is tried before
+  int mProcess VEK_GUARDED_BY(mOwner->mMutex) = -1;  // the known process lines now go to
+  unsigned mRecover VEK_GUARDED_BY(mOwner->mMutex) =
+      0;  // known processes whose dead tails the writer is to recover
+  unsigned mWatch VEK_GUARDED_BY(mOwner->mMutex) =
+      0;  // known processes with another process's tail, living
+  bool mRemade VEK_GUARDED_BY(mOwner->mMutex) =
+      false;  // the file was lost: the next set-up says so
+  std::chrono::steady_clock::time_point mNextCheck
+      VEK_GUARDED_BY(mOwner->mMutex);  // the writer's next look (kCheckEvery)
 };
 Tail* const gTail = new Tail;
+
+// Tells the analysis what the caller checked: the recorder whose mMutex it holds owns tail.
+void ownerLocked([[maybe_unused]] const Tail& tail) VEK_ASSERT_CAPABILITY(tail.mOwner->mMutex) {}
+
+// What a set-up makes, with mMutex released, before it is put in place.
+struct MadeTail {
+  TailHeader* mHeader = nullptr;
+  char* mRing = nullptr;
+  int mFd = -1;
+  std::string mPath;
+};
 
 // Descriptors of tail files open in this process. A forked child shares each one's open file
 // description, and with it the flock that marks a tail's process as living, so the child closes
@@ -80,21 +104,22 @@ void retire(void* map) {
 }
 
 // Notes that from the current batch on, lines go to process.
-void retarget(TailHeader& header, int process) {
+void retarget(Tail& tail, int process) VEK_REQUIRES(tail.mOwner->mMutex) {
+  TailHeader& header = *tail.mHeader;
   uint32_t count = header.mTargetCount;
   if (count > 0 && header.mTargets[count - 1].mProcess == process) return;
   if (count == kTailTargets) {  // the oldest goes: lines that old are long written
     memmove(&header.mTargets[0], &header.mTargets[1], sizeof(TailTarget) * (kTailTargets - 1));
     --count;
   }
-  header.mTargets[count] = TailTarget{gTail->mBatchStart, process, 0};
+  header.mTargets[count] = TailTarget{tail.mBatchStart, process, 0};
   header.mTargetCount = count + 1;
 }
 
 // Makes ".<log file>.<time>-<pid>.tail" for process, whole and locked before it has its name,
 // so that no recovery ever takes it for a dead one; the space is reserved first, so that a
 // full disk can never fault a logging thread (SIGBUS).
-bool makeTail(const VekLogRecorder& recorder, int process, Tail* tail) {
+bool makeTail(const VekLogRecorder& recorder, int process, MadeTail* tail) {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   char suffix[64];
@@ -145,7 +170,7 @@ bool makeTail(const VekLogRecorder& recorder, int process, Tail* tail) {
 }
 
 // Under mMutex: whether a set-up of the tail is due now, which the caller then makes.
-bool beginSetUp(Tail& tail) {
+bool beginSetUp(Tail& tail) VEK_REQUIRES(tail.mOwner->mMutex) {
   if (!tail.mWanted || tail.mHeader != nullptr || tail.mMaking ||
       std::chrono::steady_clock::now() < tail.mNextTry) {
     return false;
@@ -156,14 +181,15 @@ bool beginSetUp(Tail& tail) {
 
 // Makes the tail (I/O with mMutex released) and puts it in place, with the lines mBuffer holds
 // already; or notes when to try again.
-void openTail(VekLogRecorder& recorder, int process) {
-  Tail made;
+void openTail(VekLogRecorder& recorder, int process) VEK_EXCLUDES(recorder.mMutex) {
+  MadeTail made;
   bool ok = makeTail(recorder, process, &made);
   bool first = false;
   bool remade = false;
   {
     std::lock_guard<std::mutex> lock(recorder.mMutex);
     Tail& tail = *gTail;
+    ownerLocked(tail);  // only the owner's attachment or writer makes its tail
     tail.mMaking = false;
     if (!ok) {
       noteFailure(kFailTail);
@@ -182,7 +208,7 @@ void openTail(VekLogRecorder& recorder, int process) {
       tail.mHead = 0;
       tail.mRoomEnd = kTailCapacity;
       tail.mBatchLost = 0;
-      retarget(*tail.mHeader, tail.mProcess);
+      retarget(tail, tail.mProcess);
       if (!recorder.mBuffer.empty()) {
         tailAppend(recorder, recorder.mBuffer.data(), recorder.mBuffer.size());
       }
@@ -200,7 +226,8 @@ void openTail(VekLogRecorder& recorder, int process) {
 // On the writer, with mMutex released, at an attachment and at most every kCheckEvery: a tail
 // whose file is no longer at its name (removed, its directory moved or removed and made again)
 // or was cut is given up for a new one. Only the writer closes fd while the tail is in place.
-void checkFile(VekLogRecorder& recorder, TailHeader* header, int fd, const std::string& path) {
+void checkFile(VekLogRecorder& recorder, TailHeader* header, int fd, const std::string& path)
+    VEK_EXCLUDES(recorder.mMutex) {
   struct stat open;
   struct stat named;
   if (fstat(fd, &open) != 0) return;
@@ -210,6 +237,7 @@ void checkFile(VekLogRecorder& recorder, TailHeader* header, int fd, const std::
   if (there) unlink(path.c_str());  // cut: what it holds can no longer be trusted
   std::lock_guard<std::mutex> lock(recorder.mMutex);
   Tail& tail = *gTail;
+  ownerLocked(tail);  // only the owner's writer checks its file
   if (tail.mHeader != header) return;
   retire(header);
   closeTailFile(fd);
@@ -228,8 +256,10 @@ bool saveNotes(const TailSpan& span) {
 
 void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size) {
   Tail& tail = *gTail;
+  if (tail.mOwner != &recorder) return;
+  ownerLocked(tail);
   TailHeader* header = tail.mHeader;
-  if (header == nullptr || tail.mOwner != &recorder) return;
+  if (header == nullptr) return;
   uint64_t head = tail.mHead;
   // The consumed mark, which the writer moves, is read only when the room seen last is used up.
   if (head + size > tail.mRoomEnd) {
@@ -251,7 +281,9 @@ void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size) {
 
 TailSpan takeTailSpan(const VekLogRecorder& recorder) {
   Tail& tail = *gTail;
-  if (tail.mHeader == nullptr || tail.mOwner != &recorder) return TailSpan();
+  if (tail.mOwner != &recorder) return TailSpan();
+  ownerLocked(tail);
+  if (tail.mHeader == nullptr) return TailSpan();
   TailSpan span{tail.mHeader, tail.mHead, tail.mBatchLost};
   tail.mBatchStart = span.mEnd;
   tail.mBatchLost = 0;
@@ -287,8 +319,9 @@ void attachTail(VekLogRecorder& recorder, int process) {
     Tail& tail = *gTail;
     if (tail.mOwner == nullptr) tail.mOwner = &recorder;
     if (tail.mOwner != &recorder) return;
+    ownerLocked(tail);
     tail.mProcess = process;
-    if (tail.mHeader != nullptr) retarget(*tail.mHeader, process);
+    if (tail.mHeader != nullptr) retarget(tail, process);
     tail.mWanted = crashTailWanted();
     make = beginSetUp(tail);
   }
@@ -299,6 +332,7 @@ void attachTail(VekLogRecorder& recorder, int process) {
   if (make) openTail(recorder, process);
   {
     std::lock_guard<std::mutex> lock(recorder.mMutex);
+    ownerLocked(*gTail);  // checked above; the owner never changes
     if (living) gTail->mWatch |= 1u << process;
     gTail->mRecover |= 1u << process;
     gTail->mNextCheck = {};
@@ -309,6 +343,7 @@ void attachTail(VekLogRecorder& recorder, int process) {
 std::function<void()> takeTailWork(VekLogRecorder& recorder) {
   Tail& tail = *gTail;
   if (tail.mOwner != &recorder) return nullptr;
+  ownerLocked(tail);
   auto now = std::chrono::steady_clock::now();
   // Another process under the name may have begun or died since: its tail is looked for too.
   // Only with a batch to write, or another process to watch: an idle writer does nothing.
@@ -331,6 +366,7 @@ std::function<void()> takeTailWork(VekLogRecorder& recorder) {
         if ((recover & (1u << process)) && recoverTails(recorder, process)) living |= 1u << process;
       }
       std::lock_guard<std::mutex> lock(recorder.mMutex);
+      ownerLocked(*gTail);  // the owner's writer runs this
       gTail->mWatch = (gTail->mWatch & ~recover) | living;
     };
   }
@@ -342,14 +378,18 @@ std::function<void()> takeTailWork(VekLogRecorder& recorder) {
 
 std::optional<std::chrono::steady_clock::time_point> tailWakeAt(const VekLogRecorder& recorder) {
   const Tail& tail = *gTail;
-  if (tail.mOwner != &recorder || tail.mWatch == 0) return std::nullopt;
+  if (tail.mOwner != &recorder) return std::nullopt;
+  ownerLocked(tail);
+  if (tail.mWatch == 0) return std::nullopt;
   return tail.mNextCheck;
 }
 
 TailReport tailReport(const VekLogRecorder& recorder) {
   const Tail& tail = *gTail;
   TailReport report{};
-  if (tail.mHeader == nullptr || tail.mOwner != &recorder) return report;
+  if (tail.mOwner != &recorder) return report;
+  ownerLocked(tail);
+  if (tail.mHeader == nullptr) return report;
   report.mMade = true;
   snprintf(report.mPath, sizeof(report.mPath), "%s", tail.mPath.c_str());
   report.mPending = tail.mHead - tail.mHeader->mTail.load(std::memory_order_acquire);
@@ -357,7 +397,9 @@ TailReport tailReport(const VekLogRecorder& recorder) {
   return report;
 }
 
-void closeTail(const VekLogRecorder& recorder, bool unmap) {
+// Without mMutex: a writer left behind may never release it; only the mapping's removal waits
+// for every thread to be out.
+void closeTail(const VekLogRecorder& recorder, bool unmap) VEK_NO_THREAD_SAFETY_ANALYSIS {
   Tail& tail = *gTail;
   if (tail.mHeader == nullptr || tail.mOwner != &recorder) return;
   tail.mHeader->mClosed = 1;
@@ -369,7 +411,8 @@ void closeTail(const VekLogRecorder& recorder, bool unmap) {
   tail.mHeader = nullptr;
 }
 
-void dropTailInChild() {
+// The child has one thread, and the tail's owner may be a recorder whose lock it never made anew.
+void dropTailInChild() VEK_NO_THREAD_SAFETY_ANALYSIS {
   Tail& tail = *gTail;
   tail.mRecover = 0;
   tail.mWatch = 0;

@@ -38,11 +38,11 @@ bool saveNotes(const TailSpan& span);
 // attchProcess, with mMutex released, for one of the known processes: the first attachment
 // makes this process's tail; each has the writer recover what dead processes left under
 // that name before its next task.
-void attachTail(VekLogRecorder& recorder, int process);
+void attachTail(VekLogRecorder& recorder, int process) VEK_EXCLUDES(recorder.mMutex);
 // The writer: completes a rotation of process's log file that a death cut short, then
 // recovers every dead tail of process (VekLogRecovery.cpp). True when another living process
 // under the name has a tail, whose death the writer then watches for.
-bool recoverTails(VekLogRecorder& recorder, int process);
+bool recoverTails(VekLogRecorder& recorder, int process) VEK_EXCLUDES(recorder.mMutex);
 
 // Under mMutex: the writer's tail work (a recovery, a set-up of this process's tail), if any.
 std::function<void()> takeTailWork(VekLogRecorder& recorder) VEK_REQUIRES(recorder.mMutex);

@@ -67,6 +67,7 @@
 #define VEK_REQUIRES(...) VEK_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define VEK_EXCLUDES(...) VEK_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define VEK_ACQUIRE(...) VEK_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define VEK_ASSERT_CAPABILITY(x) VEK_THREAD_ANNOTATION(assert_capability(x))
 #define VEK_NO_THREAD_SAFETY_ANALYSIS VEK_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 extern "C" {
@@ -124,31 +125,31 @@ class VEK_EXPORT VekLogRecorder {
 
   // Names the host process ("nfc_process", "nfc_hal_process", "se_process", "se_hal_process"),
   // which selects its log file, and turns recording on. Always true.
-  bool attchProcess(const std::string& processName);
+  bool attchProcess(const std::string& processName) VEK_EXCLUDES(mMutex);
 
   // Formats message as one line per line feed and buffers it; hands the buffer to the writer
   // once it holds more than mFlushThreshold bytes. Does nothing unless attached and
   // level passes the record threshold.
-  void record(int level, const std::string& tag, const std::string& message);
+  void record(int level, const std::string& tag, const std::string& message) VEK_EXCLUDES(mMutex);
 
   // Queues buff as a write task. The caller holds mMutex. False for an empty buffer.
   bool sendBuffToWorker(std::vector<char>&& buff, std::shared_ptr<std::promise<int>> promise)
       VEK_REQUIRES(mMutex);
 
   // Hands the buffer to the writer; with wait, blocks up to 2 s for the write's outcome.
-  bool saveLogsToFile(bool wait);
+  bool saveLogsToFile(bool wait) VEK_EXCLUDES(mMutex);
 
   // Writer thread only. True when size more bytes may be appended to mLogFilePath, rotating
   // the file into an archive first when they would not fit.
-  bool checkLogFileExceed(int size);
+  bool checkLogFileExceed(int size) VEK_EXCLUDES(mMutex);
   // The path of a new archive for the current local time: mLogDir + "/" + name + "_" + time.
   // A rotation adds "_1", "_2", ... before ".gz" when an older archive has that name.
-  std::string getCompressedLogFile();
+  std::string getCompressedLogFile() VEK_EXCLUDES(mMutex);
   // Compresses the file in into a gzip file out, made or replaced; neither is opened through a
   // link, nor when it is a FIFO or device. The input is never changed.
   bool compressGzip(const std::string& in, const std::string& out);
   // Deletes the oldest archives of this process until fewer than five remain.
-  bool manageCompressFiles();
+  bool manageCompressFiles() VEK_EXCLUDES(mMutex);
 
   std::mutex mMutex;
   std::condition_variable mCondition;
