@@ -124,6 +124,28 @@ int removeStep(const char* path, int (*next)(const char*)) {
   });
 }
 
+// Attaches in root. The file rotates at 8 KiB, in batches of 2 KiB: one rotation in all (a second
+// in the same second would replace its archive).
+void attach(const std::string& root) {
+  setenv("VEK_LOG_ROOT", root.c_str(), 1);
+  VekLogRecorder* recorder = VekLogRecorder::getInstance();
+  recorder->mMaxFileSize = 8192;
+  recorder->mFlushThreshold = 2048;
+  recorder->attchProcess("nfc_process");
+}
+
+std::string line(int i) { return ": line " + std::to_string(10000 + i) + "\n"; }
+
+void logLines(int from, int to, int flushEvery) {
+  for (int i = from; i < to; ++i) {
+    __vek_log_i("PowerCut", "line %d", 10000 + i);
+    gCounts.mAccepted = i + 1;
+    if ((i + 1 - from) % flushEvery != 0) continue;
+    __vek_log_i("PowerCut", "flush");  // text to hand over: with none, a flush returns at once
+    if (__vek_save_log_now()) gCounts.mFlushed = i + 1;
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -145,29 +167,6 @@ int rename(const char* from, const char* to) {
     return next(from, to);
   });
 }
-}
-namespace {
-
-// Attaches in root. The file rotates at 8 KiB, in batches of 2 KiB: one rotation in all (a second
-// in the same second would replace its archive).
-void attach(const std::string& root) {
-  setenv("VEK_LOG_ROOT", root.c_str(), 1);
-  VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  recorder->mMaxFileSize = 8192;
-  recorder->mFlushThreshold = 2048;
-  recorder->attchProcess("nfc_process");
-}
-
-std::string line(int i) { return ": line " + std::to_string(10000 + i) + "\n"; }
-
-void logLines(int from, int to, int flushEvery) {
-  for (int i = from; i < to; ++i) {
-    __vek_log_i("PowerCut", "line %d", 10000 + i);
-    gCounts.mAccepted = i + 1;
-    if ((i + 1 - from) % flushEvery != 0) continue;
-    __vek_log_i("PowerCut", "flush");  // text to hand over: with none, a flush returns at once
-    if (__vek_save_log_now()) gCounts.mFlushed = i + 1;
-  }
 }
 
 // A process dies with lines 30 to 59 in its tail, beside five archives. The next one recovers
@@ -226,14 +225,13 @@ TEST(PowerCut, EveryStepOfARecoveryAndARotation) {
       std::vector<std::string> archives = vektest::archives(logDir);
       EXPECT_LE(archives.size(), 5u);
       for (const std::string& name : archives) text += vektest::gunzip(logDir + name);
-      int accepted = gCounts.mAccepted;
       int kept = std::max(gCounts.mFlushed.load(), gCounts.mRotated.load());
       for (int i = 0; i < 220; ++i) {
         size_t found = vektest::countOf(text, line(i));
         // A recovery may run again after a power cut. A death may have come once the line after
         // the last one logged reached the tail; with the tail lost, only what was written stays.
         bool twice = i < 60 && (image == "synced" || image == "now");
-        bool lost = image == "died"       ? i >= accepted
+        bool lost = image == "died"       ? i >= gCounts.mAccepted
                     : image == "untailed" ? i >= std::max(30, kept)
                                           : i >= std::max(60, kept);
         bool right = found == 1 || (found == 2 && twice) || (found == 0 && lost);
@@ -244,5 +242,3 @@ TEST(PowerCut, EveryStepOfARecoveryAndARotation) {
   EXPECT_EQ("exit 0", status);
   EXPECT_GT(gCutAt, 20);
 }
-
-}  // namespace
