@@ -42,16 +42,27 @@ bool endsWith(const std::string& name, const std::string& suffix) {
          name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-// The names of process's tail files in target's directory, with the given suffix, oldest first
-// (names carry their creation time).
-std::vector<std::string> tailNames(const LogTarget& target, const std::string& suffix) {
+// A tail file: its name, and the directory it is in.
+struct TailName {
+  std::string mName;
+  std::string mDir;
+  bool operator<(const TailName& other) const { return mName < other.mName; }
+};
+
+// process's tail files with the given suffix, wherever a tail of it may be (the log directory,
+// the RAM directory), oldest first: names carry their creation time.
+std::vector<TailName> tailNames(const LogTarget& target, const std::string& suffix) {
   std::string prefix = "." + target.mProcessName + ".veklog.";
-  std::vector<std::string> names;
-  if (DIR* dir = opendir(target.mLogDir.c_str())) {
+  std::vector<TailName> names;
+  std::vector<std::string> dirs = {target.mLogDir, tailDir(target)};
+  if (dirs[1] == dirs[0]) dirs.pop_back();  // no RAM directory
+  for (const std::string& path : dirs) {
+    DIR* dir = opendir(path.c_str());
+    if (dir == nullptr) continue;
     while (dirent* entry = readdir(dir)) {
       std::string name = entry->d_name;
       if (name.compare(0, prefix.size(), prefix) == 0 && endsWith(name, suffix)) {
-        names.push_back(name);
+        names.push_back({name, path});
       }
     }
     closedir(dir);
@@ -66,9 +77,9 @@ void setAside(const LogTarget& target, const std::string& path, const std::strin
               const char* why) {
   std::string kept = base + ".bad";
   rename(path.c_str(), kept.c_str());
-  std::vector<std::string> names = tailNames(target, kSetAside);
+  std::vector<TailName> names = tailNames(target, kSetAside);
   for (size_t i = 0; i + kSetAsideKept < names.size(); ++i) {
-    unlink((target.mLogDir + names[i]).c_str());
+    unlink((names[i].mDir + names[i].mName).c_str());
   }
   VEK_DIAG(WARNING) << android::base::StringPrintf("%s: crash tail set aside, %s: %s",
                                                    "recoverTails", why, kept.c_str());
@@ -185,16 +196,17 @@ bool lockDead(const TailFile& fd) {
   return fd.mFd != -1 && TEMP_FAILURE_RETRY(flock(fd.mFd, LOCK_EX | LOCK_NB)) == 0;
 }
 
-// Recovers the tail name in target's directory; false when its process lives.
-bool recoverFile(VekLogRecorder& recorder, const LogTarget& target, const std::string& name) {
-  std::string path = target.mLogDir + name;
+// Recovers the tail file; false when its process lives.
+bool recoverFile(VekLogRecorder& recorder, const LogTarget& target, const TailName& file) {
+  const std::string& name = file.mName;
+  std::string path = file.mDir + name;
   TailFile fd(path, O_RDWR);
   if (!lockDead(fd)) return fd.mFd == -1;
   if (endsWith(name, kHalfMade)) {
     unlink(path.c_str());
     return true;
   }
-  std::string base = target.mLogDir + name.substr(0, name.rfind(kTail) + sizeof(kTail) - 1);
+  std::string base = file.mDir + name.substr(0, name.rfind(kTail) + sizeof(kTail) - 1);
   if (endsWith(name, ".2")) {
     setAside(target, path, base, "two recoveries did not finish");
     return true;
@@ -246,8 +258,10 @@ bool recoverTails(VekLogRecorder& recorder, int process) {
     }
   }
   bool living = false;
-  for (const std::string& name : tailNames(target, "")) {
-    if (recoverable(name) && !ownTail(name)) living |= !recoverFile(recorder, target, name);
+  for (const TailName& file : tailNames(target, "")) {
+    if (recoverable(file.mName) && !ownTail(file.mName)) {
+      living |= !recoverFile(recorder, target, file);
+    }
   }
   return living;
 }

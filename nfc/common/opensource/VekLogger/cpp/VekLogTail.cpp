@@ -6,12 +6,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
+#include <linux/magic.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/statfs.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -29,6 +31,8 @@ namespace vek {
 namespace {
 
 constexpr size_t kTailFileSize = kTailHeaderSize + kTailCapacity;
+// A device's RAM file system for crash tails, made by its init (not by the library). No link.
+constexpr char kRamTailDir[] = "/mnt/vendor/vek";
 // How often the writer checks that the tail's file is still whole and at its name, and, while
 // another process under the name lives, whether it has died.
 constexpr std::chrono::seconds kCheckEvery(2);
@@ -126,7 +130,8 @@ bool makeTail(const VekLogRecorder& recorder, int process, MadeTail* tail) {
   snprintf(suffix, sizeof(suffix), ".%016" PRIx64 "-%d.tail",
            static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec),
            getpid());
-  tail->mPath = privatePath(knownTarget(recorder, process).mLogFilePath, suffix);
+  LogTarget target = knownTarget(recorder, process);
+  tail->mPath = privatePath(tailDir(target) + target.mProcessName + ".veklog", suffix);
   const std::string& path = tail->mPath;
   std::string fresh = path + ".new";
   TailFile fd(fresh, O_RDWR | O_CREAT | O_EXCL, 0640);
@@ -247,6 +252,15 @@ void checkFile(VekLogRecorder& recorder, TailHeader* header, int fd, const std::
 }
 
 }  // namespace
+
+std::string tailDir(const LogTarget& target) {
+  std::string ram = devicePath(kRamTailDir);
+  struct stat st;
+  struct statfs fs;
+  bool usable = lstat(ram.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+                statfs(ram.c_str(), &fs) == 0 && fs.f_type == TMPFS_MAGIC;
+  return usable ? ram + "/" : target.mLogDir;
+}
 
 bool saveNotes(const TailSpan& span) {
   if (span.mFd == -1) return false;

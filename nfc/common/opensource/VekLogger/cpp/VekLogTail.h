@@ -35,6 +35,11 @@ void tailDone(const TailSpan& span);
 // Writes the header of a tail read back to its file; false for a span of a mapped tail.
 bool saveNotes(const TailSpan& span);
 
+// Where target's process makes its crash tail: the RAM directory a device may provide for
+// tails, "/mnt/vendor/vek/", when it is a directory on tmpfs, whose pages are never written
+// back to flash; else the log directory. A recovery looks in both.
+std::string tailDir(const LogTarget& target);
+
 // attchProcess, with mMutex released, for one of the known processes: the first attachment
 // makes this process's tail; each has the writer recover what dead processes left under
 // that name before its next task.

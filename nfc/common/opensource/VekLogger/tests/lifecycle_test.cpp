@@ -323,7 +323,8 @@ struct Death {
   bool mHeld;      // the writer is held: what passes the tail's 1 MiB is lost, and said so
   void (*mDie)();
   void (*mDamage)(const std::string& path, vek::TailHeader& header) = nullptr;
-  int mProven = 0;  // damaged: the lines a recovery can show to be whole; the file is set aside
+  int mProven = 0;    // damaged: the lines a recovery can show to be whole; the file is set aside
+  bool mRam = false;  // the device provides a RAM directory for tails: the scratch root on tmpfs
 };
 
 void killSelf() { raise(SIGKILL); }
@@ -343,6 +344,7 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
       {"SIGSEGV on another thread", 500, true, false,
        [] { std::thread([] { raise(SIGSEGV); }).join(); }},
       {"_exit", 300, true, false, [] { _exit(0); }},
+      {"kill -9, the tail in a RAM directory", 50, true, false, killSelf, nullptr, 0, true},
       {"kill -9, the writer held past the tail", 30000, true, true, killSelf},
       {"exit", 50, false, false, [] { exit(0); }},
       // A tail is untrusted: whatever it holds, the next process starts and reads it once.
@@ -373,8 +375,14 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
   auto* accepted = static_cast<std::atomic<int>*>(
       mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   for (const Death& death : deaths) {
+    if (death.mRam && access("/dev/shm", W_OK) != 0) continue;  // no tmpfs to test with
+    std::string saved = getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "";
+    if (death.mRam) setenv("TMPDIR", "/dev/shm", 1);
     vektest::ScratchRoot scratch;
+    if (death.mRam) saved.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", saved.c_str(), 1);
     std::string dir = scratch.path("/data/vendor/nfc/");
+    std::string ram = scratch.path("/mnt/vendor/vek/");
+    if (death.mRam) vektest::runCommand("mkdir -p '" + ram + "'");
     *accepted = 0;
     statusOf([&death, accepted] {
       attach();
@@ -389,6 +397,7 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
       death.mDie();
       return 0;
     });
+    EXPECT_EQ(death.mRam, !tailsIn(ram).empty() && tailsIn(dir).empty()) << death.mWhat;
     for (const std::string& name : death.mDamage ? tailsIn(dir) : std::vector<std::string>()) {
       vek::TailImage image;
       int fd = open((dir + name).c_str(), O_RDWR);
@@ -411,7 +420,7 @@ TEST_F(Lifecycle, LinesLoggedBeforeADeathReachTheFileOnce) {
       EXPECT_EQ(next++, atoi(found.c_str() + at + 9)) << death.mWhat;
     }
     // Nothing is left to be read again; a damaged tail is set aside.
-    EXPECT_EQ(death.mDamage ? 1u : 0u, tailsIn(dir).size()) << death.mWhat;
+    EXPECT_EQ(death.mDamage ? 1u : 0u, tailsIn(dir).size() + tailsIn(ram).size()) << death.mWhat;
     if (death.mDamage) {
       EXPECT_EQ(death.mProven, next) << death.mWhat;
     } else if (death.mHeld) {
