@@ -50,35 +50,36 @@ struct alignas(64) Tail {
   // What every line reads and writes, on one cache line: under contention the line moves
   // between the cores of the threads that log, with the lock.
   const VekLogRecorder* mOwner = nullptr;
-  TailHeader* mHeader VEK_GUARDED_BY(mOwner->mMutex) = nullptr;  // null: lines are not protected
+  // Null: lines are not protected.
+  TailHeader* mHeader VEK_GUARDED_BY(mOwner->mMutex) = nullptr;
   char* mRing VEK_GUARDED_BY(mOwner->mMutex) = nullptr;
-  uint64_t mHead VEK_GUARDED_BY(mOwner->mMutex) =
-      0;  // the header's mHead, which only the owner writes
-  uint64_t mRoomEnd VEK_GUARDED_BY(mOwner->mMutex) =
-      0;  // the ring may be filled up to here: consumed mark + capacity
-  uint64_t mBatchStart VEK_GUARDED_BY(mOwner->mMutex) =
-      0;  // where mBuffer's lines begin in the ring
-  uint64_t mBatchLost VEK_GUARDED_BY(mOwner->mMutex) =
-      0;  // bytes of mBuffer the ring had no room for
+  // The header's mHead, which only the owner writes.
+  uint64_t mHead VEK_GUARDED_BY(mOwner->mMutex) = 0;
+  // The ring may be filled up to here: consumed mark + capacity.
+  uint64_t mRoomEnd VEK_GUARDED_BY(mOwner->mMutex) = 0;
+  // Where mBuffer's lines begin in the ring, and the bytes of them it had no room for.
+  uint64_t mBatchStart VEK_GUARDED_BY(mOwner->mMutex) = 0;
+  uint64_t mBatchLost VEK_GUARDED_BY(mOwner->mMutex) = 0;
 
   int mFd VEK_GUARDED_BY(mOwner->mMutex) = -1;
   std::string mPath VEK_GUARDED_BY(mOwner->mMutex);
-  bool mWanted VEK_GUARDED_BY(mOwner->mMutex) =
-      false;  // attached under a known name: the process is to have a tail
-  bool mMaking VEK_GUARDED_BY(mOwner->mMutex) =
-      false;  // a thread is setting one up, with mMutex released
-  int mFailures VEK_GUARDED_BY(mOwner->mMutex) = 0;  // set-ups failed; the first one says so
-  std::chrono::steady_clock::time_point mNextTry
-      VEK_GUARDED_BY(mOwner->mMutex);                // no set-up is tried before
-  int mProcess VEK_GUARDED_BY(mOwner->mMutex) = -1;  // the known process lines now go to
-  unsigned mRecover VEK_GUARDED_BY(mOwner->mMutex) =
-      0;  // known processes whose dead tails the writer is to recover
-  unsigned mWatch VEK_GUARDED_BY(mOwner->mMutex) =
-      0;  // known processes with another process's tail, living
-  bool mRemade VEK_GUARDED_BY(mOwner->mMutex) =
-      false;  // the file was lost: the next set-up says so
-  std::chrono::steady_clock::time_point mNextCheck
-      VEK_GUARDED_BY(mOwner->mMutex);  // the writer's next look (kCheckEvery)
+  // Attached under a known name: the process is to have a tail.
+  bool mWanted VEK_GUARDED_BY(mOwner->mMutex) = false;
+  // A thread is setting one up, with mMutex released.
+  bool mMaking VEK_GUARDED_BY(mOwner->mMutex) = false;
+  // Set-ups failed (the first one says so), and no set-up is tried before mNextTry.
+  int mFailures VEK_GUARDED_BY(mOwner->mMutex) = 0;
+  std::chrono::steady_clock::time_point mNextTry VEK_GUARDED_BY(mOwner->mMutex);
+  // The known process lines now go to.
+  int mProcess VEK_GUARDED_BY(mOwner->mMutex) = -1;
+  // Known processes whose dead tails the writer is to recover, and those with another
+  // process's tail, living.
+  unsigned mRecover VEK_GUARDED_BY(mOwner->mMutex) = 0;
+  unsigned mWatch VEK_GUARDED_BY(mOwner->mMutex) = 0;
+  // The file was lost: the next set-up says so.
+  bool mRemade VEK_GUARDED_BY(mOwner->mMutex) = false;
+  // The writer's next look (kCheckEvery).
+  std::chrono::steady_clock::time_point mNextCheck VEK_GUARDED_BY(mOwner->mMutex);
 };
 Tail* const gTail = new Tail;
 
