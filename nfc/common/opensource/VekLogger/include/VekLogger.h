@@ -163,8 +163,8 @@ class VEK_EXPORT VekLogRecorder {
   uint32_t mMaxFileSize;
   uint32_t mFlushThreshold;
   std::vector<char> mBuffer VEK_GUARDED_BY(mMutex);
-  std::thread
-      mWorker;  // started with mMutex held (or by the constructor), joined by the destructor
+  // The writer: started with mMutex held (or by the constructor), joined by the destructor.
+  std::thread mWorker;
   std::deque<std::function<void()>> mTasks VEK_GUARDED_BY(mMutex);
   // Set by the destructor; the writer leaves its loop when it sees it.
   bool mStopWriter VEK_GUARDED_BY(mMutex);
