@@ -34,26 +34,44 @@ void print(int priority, const char* tag, const char* text) {
   __android_log_print(priority, tag, "%s", text);
 }
 
-// Records and prints text, formatted in full (no length limit) by the caller. A message that
-// came back from the library's own diagnostic is printed only, without the threshold check:
-// the recorder may be under construction on this very thread, and the platform already chose
-// to log the diagnostic.
-// inside is what this thread was doing in the library, read once: each read of a thread_local
-// of a shared library is a call.
-void logText(vek::Inside inside, int level, const char* tag, const char* text, size_t length) {
-  int priority = platformLevel(level)->mPriority;
-  if (inside == vek::Inside::kDiagnostic) return print(priority, tag, text);
+// What a log call does with its message, decided before the message is formatted.
+struct Route {
+  bool mRecord;
+  bool mPrint;
+  VekLogRecorder* mRecorder;  // null for a diagnostic's message
+  vek::LineIds mIds;          // the first line's, when recorded
+};
+
+// Inlined into each entry point, whose frame then makes the line's system calls: after a system
+// call, each return into a frame made before it is mispredicted on some CPUs. A message that
+// came back from the library's own diagnostic is printed only, without the thresholds: the
+// recorder may be under construction on this very thread, and the platform already chose to
+// log the diagnostic. tInside is read once: each read of a shared library's thread_local is a
+// call.
+__attribute__((always_inline)) inline Route route(int level, const char* fmt) {
+  vek::Inside inside = vek::tInside;
+  if (fmt == nullptr || inside == vek::Inside::kPrinting) return Route{false, false, nullptr, {}};
+  if (inside == vek::Inside::kDiagnostic) return Route{false, true, nullptr, {}};
   VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  vek::recordText(*recorder, level, tag, std::string_view(text, length));
-  if (recorder->mPrintLevel >= level) print(priority, tag, text);
+  // isNeedRecord, without a call through the library's symbol table.
+  if (level == 0 || recorder->mRecordLevel < level ||
+      !__atomic_load_n(&recorder->mAttached, __ATOMIC_ACQUIRE)) {
+    return Route{false, recorder->mPrintLevel >= level, recorder, {}};
+  }
+  return Route{true, recorder->mPrintLevel >= level, recorder, vek::readIds()};
+}
+
+// Records and prints text, formatted in full (no length limit), as route decided.
+void logText(const Route& route, int level, const char* tag, const char* text, size_t length) {
+  if (route.mRecord) {
+    vek::recordText(*route.mRecorder, level, tag, std::string_view(text, length), route.mIds);
+  }
+  if (route.mPrint) print(platformLevel(level)->mPriority, tag, text);
 }
 
 // Formats into the stack, quickly where it can, or with vsnprintf, once more into the heap when
-// the text is longer. A null tag is an empty one, as the platform log takes it; a null format
-// logs nothing.
-void logFormatted(int level, const char* tag, const char* fmt, va_list args) {
-  vek::Inside inside = vek::tInside;
-  if (fmt == nullptr || inside == vek::Inside::kPrinting) return;
+// the text is longer. A null tag is an empty one, as the platform log takes it.
+void logFormatted(const Route& route, int level, const char* tag, const char* fmt, va_list args) {
   if (tag == nullptr) tag = "";
   char text[kStackText];
   va_list quick;
@@ -68,20 +86,24 @@ void logFormatted(int level, const char* tag, const char* fmt, va_list args) {
   }
   if (length <= 0) return;
   if (static_cast<size_t>(length) < sizeof(text)) {
-    return logText(inside, level, tag, text, static_cast<size_t>(length));
+    return logText(route, level, tag, text, static_cast<size_t>(length));
   }
   std::string message(static_cast<size_t>(length), '\0');
   vsnprintf(&message[0], message.size() + 1, fmt, args);
-  logText(inside, level, tag, message.c_str(), message.size());
+  logText(route, level, tag, message.c_str(), message.size());
 }
 
 }  // namespace
 
+// A message neither recorded nor printed (a null format, a level under both thresholds) is not
+// formatted.
 #define VEK_LOG_ENTRY_POINT(name, level)                        \
   extern "C" void name(const char* tag, const char* fmt, ...) { \
+    Route decided = route(level, fmt);                          \
+    if (!decided.mRecord && !decided.mPrint) return;            \
     va_list args;                                               \
     va_start(args, fmt);                                        \
-    logFormatted(level, tag, fmt, args);                        \
+    logFormatted(decided, level, tag, fmt, args);               \
     va_end(args);                                               \
   }
 

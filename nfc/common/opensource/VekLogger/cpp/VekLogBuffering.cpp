@@ -1,12 +1,11 @@
 // Turning messages into log lines in mBuffer, and handing the buffer to the writer.
 #include <string.h>
-#include <sys/syscall.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <chrono>
 
 #include "VekLogDiag.h"
+#include "VekLogFormat.h"
 #include "VekLogLifecycle.h"
 #include "VekLogStats.h"
 #include "VekLogTail.h"
@@ -31,36 +30,28 @@ char* twoDigits(char* out, int value) {
   return out + 2;
 }
 
-// Two digits a step: the ids of a line are some ten digits, and each step costs a multiply.
+// Two digits a step, straight into out: the ids of a line are some ten digits, and each step
+// costs a multiply; digits put together elsewhere and copied would be read back before their
+// stores complete.
 char* decimal(char* out, unsigned long value) {
   static const char kPairs[] =
       "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
       "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
       "8081828384858687888990919293949596979899";
-  char digits[20];
-  char* at = digits + sizeof(digits);
+  int count = 1;
+  for (unsigned long rest = value; rest >= 10; rest /= 10) ++count;
+  char* at = out + count;
   for (; value >= 100; value /= 100) {
     at -= 2;
     memcpy(at, &kPairs[value % 100 * 2], 2);
   }
   if (value >= 10) {
-    at -= 2;
-    memcpy(at, &kPairs[value * 2], 2);
+    memcpy(at - 2, &kPairs[value * 2], 2);
   } else {
-    *--at = static_cast<char>('0' + value);
+    at[-1] = static_cast<char>('0' + value);
   }
-  size_t count = static_cast<size_t>(digits + sizeof(digits) - at);
-  memcpy(out, at, count);
   return out + count;
 }
-
-// The process and thread id of a line, read by system call for every line.
-struct LineIds {
-  long mPid;
-  long mTid;
-};
-
-LineIds readIds() { return LineIds{syscall(SYS_getpid), syscall(SYS_gettid)}; }
 
 // The realtime clock in microseconds since the epoch.
 int64_t microsNow() {
@@ -86,7 +77,7 @@ LocalSecond localSecond() {
 
 // Writes "MM-DD hh:mm:ss.mmm pid tid L " for the time of this call; returns its end. Formatted
 // by hand: strftime and snprintf would cost more than the system calls a line must make.
-char* formatHeader(char* out, int level, const LineIds& ids, const LocalSecond& early) {
+char* formatHeader(char* out, int level, const vek::LineIds& ids, const LocalSecond& early) {
   int64_t micros = microsNow();
   time_t seconds = static_cast<time_t>(micros / 1000000);
   int millis = static_cast<int>((micros - static_cast<int64_t>(seconds) * 1000000) / 1000);
@@ -121,8 +112,8 @@ char* formatHeader(char* out, int level, const LineIds& ids, const LocalSecond& 
 
 // Appends one whole line: header, tag, ": ", text and a line feed. A line of ordinary length
 // is put together on the stack and appended with one copy.
-void appendLine(std::vector<char>& buffer, int level, const LineIds& ids, const LocalSecond& early,
-                std::string_view tag, const char* text, size_t length) {
+void appendLine(std::vector<char>& buffer, int level, const vek::LineIds& ids,
+                const LocalSecond& early, std::string_view tag, const char* text, size_t length) {
   char line[512];
   char* out = formatHeader(line, level, ids, early);
   if (static_cast<size_t>(out - line) + tag.size() + 2 + length + 1 > sizeof(line)) {
@@ -133,12 +124,10 @@ void appendLine(std::vector<char>& buffer, int level, const LineIds& ids, const 
     buffer.push_back('\n');
     return;
   }
-  memcpy(out, tag.data(), tag.size());
-  out += tag.size();
+  out = vek::copyShort(out, tag.data(), tag.size());
   *out++ = ':';
   *out++ = ' ';
-  memcpy(out, text, length);
-  out += length;
+  out = vek::copyShort(out, text, length);
   *out++ = '\n';
   buffer.insert(buffer.end(), line, out);
 }
@@ -164,8 +153,8 @@ void lockSoon(std::mutex& mutex, LocalSecond* early) VEK_ACQUIRE(mutex) {
 
 namespace vek {
 
-void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
-                std::string_view message) {
+void recordText(VekLogRecorder& recorder, int level, std::string_view tag, std::string_view message,
+                LineIds ids) {
   // The thresholds never change after construction, so they are checked before the lock.
   // Threshold 0 means no writer thread: even a negative level must not queue a task then.
   int threshold = recorder.mRecordLevel;
@@ -175,7 +164,6 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag,
   // The first line's system calls are made before the lock, and, when another thread holds it,
   // the local time of this second; the lock then covers the clock, the formatting and the
   // appends: threads that log at once wait less for each other.
-  LineIds ids = readIds();
   LocalSecond early;
   lockSoon(recorder.mMutex, &early);
   std::lock_guard<std::mutex> lock(recorder.mMutex, std::adopt_lock);
@@ -209,7 +197,7 @@ std::vector<char> formatLine(int level, std::string_view tag, std::string_view t
 }  // namespace vek
 
 void VekLogRecorder::record(int level, const std::string& tag, const std::string& message) {
-  vek::recordText(*this, level, tag, message);
+  vek::recordText(*this, level, tag, message, vek::readIds());
 }
 
 bool VekLogRecorder::saveLogsToFile(bool wait) {

@@ -26,8 +26,7 @@ struct Field {
 struct Out {
   bool put(const char* text, size_t length) {
     if (length > static_cast<size_t>(mEnd - mAt)) return false;
-    memcpy(mAt, text, length);
-    mAt += length;
+    mAt = copyShort(mAt, text, length);
     return true;
   }
   bool fill(char c, int count) {

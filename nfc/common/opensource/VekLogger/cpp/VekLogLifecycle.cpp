@@ -163,7 +163,7 @@ void resetInChild() {
 
 }  // namespace
 
-thread_local Inside tInside = Inside::kNothing;
+__thread Inside tInside = Inside::kNothing;
 
 LibbaseLine::LibbaseLine() { pthread_rwlock_rdlock(&gLibbaseLines); }
 

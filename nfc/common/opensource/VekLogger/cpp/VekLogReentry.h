@@ -6,8 +6,10 @@ namespace vek {
 
 // What this thread is doing inside the library, so that a call that comes back through a
 // platform logger can tell. Trivially destructible: valid during any thread or static teardown.
+// __thread, not thread_local: a thread_local defined in another file is read through a call to
+// its initialisation wrapper, on every log call.
 enum class Inside { kNothing, kDiagnostic, kPrinting };
-extern thread_local Inside tInside;
+extern __thread Inside tInside;
 
 struct ScopedInside {
   explicit ScopedInside(Inside what) : mSaved(tInside) { tInside = what; }

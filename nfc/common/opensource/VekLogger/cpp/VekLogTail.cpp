@@ -289,7 +289,7 @@ void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size) {
   size_t offset = static_cast<size_t>(head % kTailCapacity);
   size_t first = std::min(size, kTailCapacity - offset);
   memcpy(tail.mRing + offset, line, first);
-  memcpy(tail.mRing, line + first, size - first);
+  if (first < size) memcpy(tail.mRing, line + first, size - first);
   tail.mHead = head + size;
   header->mHead.store(tail.mHead, std::memory_order_release);
 }
