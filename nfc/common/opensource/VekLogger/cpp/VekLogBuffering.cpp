@@ -165,27 +165,35 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag, std::
   // the local time of this second; the lock then covers the clock, the formatting and the
   // appends: threads that log at once wait less for each other.
   LocalSecond early;
-  lockSoon(recorder.mMutex, &early);
-  std::lock_guard<std::mutex> lock(recorder.mMutex, std::adopt_lock);
-  if (!recorder.mAttached) return;
-  std::string_view lineTag = tag.empty() ? std::string_view(recorder.mProcessName) : tag;
-  size_t start = 0;
-  while (start < message.size()) {
-    size_t feed = message.find('\n', start);
-    size_t stop = feed == std::string_view::npos ? message.size() : feed;
-    if (start != 0) ids = readIds();
-    if (recorder.mBuffer.capacity() == 0) {
-      recorder.mBuffer.reserve(recorder.mFlushThreshold + kBatchSlack);
+  int queued = 0;
+  {
+    lockSoon(recorder.mMutex, &early);
+    std::lock_guard<std::mutex> lock(recorder.mMutex, std::adopt_lock);
+    if (!recorder.mAttached) return;
+    std::string_view lineTag = tag.empty() ? std::string_view(recorder.mProcessName) : tag;
+    size_t start = 0;
+    while (start < message.size()) {
+      size_t feed = message.find('\n', start);
+      size_t stop = feed == std::string_view::npos ? message.size() : feed;
+      if (start != 0) ids = readIds();
+      if (recorder.mBuffer.capacity() == 0) {
+        recorder.mBuffer.reserve(recorder.mFlushThreshold + kBatchSlack);
+      }
+      size_t before = recorder.mBuffer.size();
+      appendLine(recorder.mBuffer, level, ids, early, lineTag, message.data() + start,
+                 stop - start);
+      ++gStats->mLinesRecorded;
+      tailAppend(recorder, recorder.mBuffer.data() + before, recorder.mBuffer.size() - before);
+      if (recorder.mBuffer.size() > recorder.mFlushThreshold &&
+          handOver(recorder, std::move(recorder.mBuffer), nullptr, {}, false)) {
+        ++queued;
+      }
+      start = stop + 1;
     }
-    size_t before = recorder.mBuffer.size();
-    appendLine(recorder.mBuffer, level, ids, early, lineTag, message.data() + start, stop - start);
-    ++gStats->mLinesRecorded;
-    tailAppend(recorder, recorder.mBuffer.data() + before, recorder.mBuffer.size() - before);
-    if (recorder.mBuffer.size() > recorder.mFlushThreshold) {
-      recorder.sendBuffToWorker(std::move(recorder.mBuffer), nullptr);
-    }
-    start = stop + 1;
   }
+  // Signalled with the lock released: a futex wake takes microseconds, which a thread waiting
+  // to log would otherwise wait too.
+  for (; queued > 0; --queued) recorder.mCondition.notify_one();
 }
 
 std::vector<char> formatLine(int level, std::string_view tag, std::string_view text) {

@@ -34,10 +34,11 @@ bool startWriter(VekLogRecorder& recorder);
 bool startThread(std::thread& thread, void (*body)(VekLogRecorder*), VekLogRecorder* recorder);
 
 // Queues buff as a write task, as sendBuffToWorker does. A task with announced valid waits for
-// it before it runs. The caller holds mMutex.
+// it before it runs. The caller holds mMutex; with signal false, it signals mCondition once the
+// lock is released, when the result is true.
 bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
-              std::shared_ptr<std::promise<int>> promise, const std::shared_future<void>& announced)
-    VEK_REQUIRES(recorder.mMutex);
+              std::shared_ptr<std::promise<int>> promise, const std::shared_future<void>& announced,
+              bool signal = true) VEK_REQUIRES(recorder.mMutex);
 
 // The process and thread id of a line, read by system call for every line. Inline, and called
 // as early in a log call as it can be: after a system call, each return into a frame made

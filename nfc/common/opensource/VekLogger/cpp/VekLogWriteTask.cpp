@@ -160,8 +160,8 @@ void runWriteTask(const LogTarget& target, std::vector<char>& buff,
 }
 
 bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
-              std::shared_ptr<std::promise<int>> promise,
-              const std::shared_future<void>& announced) {
+              std::shared_ptr<std::promise<int>> promise, const std::shared_future<void>& announced,
+              bool signal) {
   if (buff.empty()) {
     VEK_DIAG(WARNING) << "writting invalid buffer";
     return false;
@@ -187,7 +187,7 @@ bool handOver(VekLogRecorder& recorder, std::vector<char>&& buff,
     if (announced.valid()) announced.wait();
     runWriteTask(target, text, promise, span);
   });
-  recorder.mCondition.notify_one();
+  if (signal) recorder.mCondition.notify_one();
   return true;
 }
 
