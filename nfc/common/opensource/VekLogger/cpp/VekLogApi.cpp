@@ -34,77 +34,61 @@ void print(int priority, const char* tag, const char* text) {
   __android_log_print(priority, tag, "%s", text);
 }
 
-// What a log call does with its message, decided before the message is formatted.
-struct Route {
-  bool mRecord;
-  bool mPrint;
-  VekLogRecorder* mRecorder;  // null for a diagnostic's message
-  vek::LineIds mIds;          // the first line's, when recorded
-};
-
-// Inlined into each entry point, whose frame then makes the line's system calls: after a system
-// call, each return into a frame made before it is mispredicted on some CPUs. A message that
-// came back from the library's own diagnostic is printed only, without the thresholds: the
-// recorder may be under construction on this very thread, and the platform already chose to
-// log the diagnostic. tInside is read once: each read of a shared library's thread_local is a
-// call.
-__attribute__((always_inline)) inline Route route(int level, const char* fmt) {
-  vek::Inside inside = vek::tInside;
-  if (fmt == nullptr || inside == vek::Inside::kPrinting) return Route{false, false, nullptr, {}};
-  if (inside == vek::Inside::kDiagnostic) return Route{false, true, nullptr, {}};
-  VekLogRecorder* recorder = VekLogRecorder::getInstance();
-  // isNeedRecord, without a call through the library's symbol table.
-  if (level == 0 || recorder->mRecordLevel < level ||
-      !__atomic_load_n(&recorder->mAttached, __ATOMIC_ACQUIRE)) {
-    return Route{false, recorder->mPrintLevel >= level, recorder, {}};
-  }
-  return Route{true, recorder->mPrintLevel >= level, recorder, vek::readIds()};
-}
-
-// Records and prints text, formatted in full (no length limit), as route decided.
-void logText(const Route& route, int level, const char* tag, const char* text, size_t length) {
-  if (route.mRecord) {
-    vek::recordText(*route.mRecorder, level, tag, std::string_view(text, length), route.mIds);
-  }
-  if (route.mPrint) print(platformLevel(level)->mPriority, tag, text);
-}
-
-// Formats into the stack, quickly where it can, or with vsnprintf, once more into the heap when
-// the text is longer. A null tag is an empty one, as the platform log takes it.
-void logFormatted(const Route& route, int level, const char* tag, const char* fmt, va_list args) {
-  if (tag == nullptr) tag = "";
-  char text[kStackText];
+// Formats fmt into text, of kStackText bytes, quickly where it can, or with vsnprintf, once
+// more into *heap when the message is longer. Empty: nothing to log.
+std::string_view formatMessage(char* text, std::string* heap, const char* fmt, va_list args) {
   va_list quick;
   va_copy(quick, args);
-  int length = vek::formatQuick(text, sizeof(text), fmt, &quick);
+  int length = vek::formatQuick(text, kStackText, fmt, &quick);
   va_end(quick);
   if (length < 0) {
     va_list measure;
     va_copy(measure, args);
-    length = vsnprintf(text, sizeof(text), fmt, measure);
+    length = vsnprintf(text, kStackText, fmt, measure);
     va_end(measure);
   }
-  if (length <= 0) return;
-  if (static_cast<size_t>(length) < sizeof(text)) {
-    return logText(route, level, tag, text, static_cast<size_t>(length));
+  if (length <= 0) return std::string_view();
+  if (static_cast<size_t>(length) < kStackText) {
+    return std::string_view(text, static_cast<size_t>(length));
   }
-  std::string message(static_cast<size_t>(length), '\0');
-  vsnprintf(&message[0], message.size() + 1, fmt, args);
-  logText(route, level, tag, message.c_str(), message.size());
+  heap->assign(static_cast<size_t>(length), '\0');
+  vsnprintf(&(*heap)[0], heap->size() + 1, fmt, args);
+  return *heap;
+}
+
+// Records and prints a formatted message. Inlined into each entry point, whose frame then makes
+// the line's system calls: after a system call, each return into a frame made before it is
+// mispredicted on some CPUs. A message that came back from the library's own diagnostic is
+// printed only, without the thresholds: the recorder may be under construction on this very
+// thread, and the platform already chose to log the diagnostic.
+__attribute__((always_inline)) inline void logMessage(vek::Inside inside, int level,
+                                                      const char* tag, std::string_view message) {
+  int priority = platformLevel(level)->mPriority;
+  if (inside == vek::Inside::kDiagnostic) return print(priority, tag, message.data());
+  VekLogRecorder* recorder = VekLogRecorder::getInstance();
+  // isNeedRecord, without a call through the library's symbol table; recordText checks again
+  // under the lock.
+  if (recorder->mRecordLevel >= level && __atomic_load_n(&recorder->mAttached, __ATOMIC_ACQUIRE)) {
+    vek::recordText(*recorder, level, tag, message, vek::readIds());
+  }
+  if (recorder->mPrintLevel >= level) print(priority, tag, message.data());
 }
 
 }  // namespace
 
-// A message neither recorded nor printed (a null format, a level under both thresholds) is not
-// formatted.
-#define VEK_LOG_ENTRY_POINT(name, level)                        \
-  extern "C" void name(const char* tag, const char* fmt, ...) { \
-    Route decided = route(level, fmt);                          \
-    if (!decided.mRecord && !decided.mPrint) return;            \
-    va_list args;                                               \
-    va_start(args, fmt);                                        \
-    logFormatted(decided, level, tag, fmt, args);               \
-    va_end(args);                                               \
+// A null tag is an empty one, as the platform log takes it; a null format logs nothing.
+// tInside is read once: each read of a shared library's thread-local variable is a call.
+#define VEK_LOG_ENTRY_POINT(name, level)                                      \
+  extern "C" void name(const char* tag, const char* fmt, ...) {               \
+    vek::Inside inside = vek::tInside;                                        \
+    if (fmt == nullptr || inside == vek::Inside::kPrinting) return;           \
+    char text[kStackText];                                                    \
+    std::string heap;                                                         \
+    va_list args;                                                             \
+    va_start(args, fmt);                                                      \
+    std::string_view message = formatMessage(text, &heap, fmt, args);         \
+    va_end(args);                                                             \
+    if (!message.empty()) logMessage(inside, level, tag ? tag : "", message); \
   }
 
 VEK_LOG_ENTRY_POINT(__vek_log_v, VEK_LEVEL_VERBOSE)

@@ -213,6 +213,17 @@ TEST_F(Lifecycle, WriterThatCannotStart) {
             }));
 }
 
+// A message that formats empty is dropped before anything else: the recorder is not made.
+TEST_F(Lifecycle, AnEmptyMessageMakesNoRecorder) {
+  EXPECT_EQ("exit 0", statusOf([] {
+              vektest::LogCapture& diag = vektest::platformLog();
+              __vek_log_e("T", "%s", "");
+              if (diag.countStarting("initFeatureLevel") != 0) return 1;
+              __vek_log_e("T", "made now");
+              return diag.countStarting("initFeatureLevel") == 1 ? 0 : 2;
+            }));
+}
+
 // Without its directory at the attachment, the crash tail cannot be made: one warning, logging
 // goes on as it would without a tail, and a batch a second later makes it.
 TEST_F(Lifecycle, LoggingGoesOnWithoutACrashTailUntilItCanBeMade) {
