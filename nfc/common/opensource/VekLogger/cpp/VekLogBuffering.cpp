@@ -161,9 +161,9 @@ void recordText(VekLogRecorder& recorder, int level, std::string_view tag, std::
   if (level == 0 || threshold < level || threshold == 0 || message.empty()) return;
   UserScope user(recorder);
   if (!user.mEntered) return;
-  // The first line's system calls are made before the lock, and, when another thread holds it,
-  // the local time of this second; the lock then covers the clock, the formatting and the
-  // appends: threads that log at once wait less for each other.
+  // The first line's ids come read, and, when another thread holds the lock, the local time of
+  // this second is worked out while waiting; the lock then covers the clock, the formatting and
+  // the appends: threads that log at once wait less for each other.
   LocalSecond early;
   int queued = 0;
   {
