@@ -47,19 +47,18 @@ constexpr int kRetryDoublings = 6;
 // threads write the ring's positions, the writer the file's and the schedule's fields, a set-up
 // the mapping, each with the lock held.
 struct alignas(64) Tail {
-  // What every line reads and writes, on one cache line: under contention the line moves
-  // between the cores of the threads that log, with the lock.
+  // What every line reads, on one cache line, written only once a batch or a ring's worth: at
+  // two threads, a line written under the lock moves between their cores with it. What lines
+  // write, they write in the header.
   const VekLogRecorder* mOwner = nullptr;
   // Null: lines are not protected.
   TailHeader* mHeader VEK_GUARDED_BY(mOwner->mMutex) = nullptr;
   char* mRing VEK_GUARDED_BY(mOwner->mMutex) = nullptr;
-  // The header's mHead, which only the owner writes.
-  uint64_t mHead VEK_GUARDED_BY(mOwner->mMutex) = 0;
   // The ring may be filled up to here: consumed mark + capacity.
   uint64_t mRoomEnd VEK_GUARDED_BY(mOwner->mMutex) = 0;
-  // Where mBuffer's lines begin in the ring, and the bytes of them it had no room for.
+  // Where mBuffer's lines begin in the ring, and the header's mLostLogged then.
   uint64_t mBatchStart VEK_GUARDED_BY(mOwner->mMutex) = 0;
-  uint64_t mBatchLost VEK_GUARDED_BY(mOwner->mMutex) = 0;
+  uint64_t mBatchLostFrom VEK_GUARDED_BY(mOwner->mMutex) = 0;
 
   int mFd VEK_GUARDED_BY(mOwner->mMutex) = -1;
   std::string mPath VEK_GUARDED_BY(mOwner->mMutex);
@@ -211,9 +210,8 @@ void openTail(VekLogRecorder& recorder, int process) VEK_EXCLUDES(recorder.mMute
       tail.mFd = made.mFd;
       tail.mPath = made.mPath;
       tail.mBatchStart = 0;
-      tail.mHead = 0;
       tail.mRoomEnd = kTailCapacity;
-      tail.mBatchLost = 0;
+      tail.mBatchLostFrom = 0;
       retarget(tail, tail.mProcess);
       if (!recorder.mBuffer.empty()) {
         tailAppend(recorder, recorder.mBuffer.data(), recorder.mBuffer.size());
@@ -275,13 +273,14 @@ void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size) {
   ownerLocked(tail);
   TailHeader* header = tail.mHeader;
   if (header == nullptr) return;
-  uint64_t head = tail.mHead;
+  // Only logging threads write mHead and mLostLogged, under mMutex.
+  uint64_t head = header->mHead.load(std::memory_order_relaxed);
   // The consumed mark, which the writer moves, is read only when the room seen last is used up.
   if (head + size > tail.mRoomEnd) {
-    tail.mRoomEnd = header->mTail.load(std::memory_order_acquire) + kTailCapacity;
+    uint64_t roomEnd = header->mTail.load(std::memory_order_acquire) + kTailCapacity;
+    if (roomEnd != tail.mRoomEnd) tail.mRoomEnd = roomEnd;
   }
   if (head + size > tail.mRoomEnd) {
-    tail.mBatchLost += size;
     header->mLostLogged.store(header->mLostLogged.load(std::memory_order_relaxed) + size,
                               std::memory_order_relaxed);
     return;
@@ -290,8 +289,7 @@ void tailAppend(const VekLogRecorder& recorder, const char* line, size_t size) {
   size_t first = std::min(size, kTailCapacity - offset);
   memcpy(tail.mRing + offset, line, first);
   if (first < size) memcpy(tail.mRing, line + first, size - first);
-  tail.mHead = head + size;
-  header->mHead.store(tail.mHead, std::memory_order_release);
+  header->mHead.store(head + size, std::memory_order_release);
 }
 
 TailSpan takeTailSpan(const VekLogRecorder& recorder) {
@@ -299,9 +297,11 @@ TailSpan takeTailSpan(const VekLogRecorder& recorder) {
   if (tail.mOwner != &recorder) return TailSpan();
   ownerLocked(tail);
   if (tail.mHeader == nullptr) return TailSpan();
-  TailSpan span{tail.mHeader, tail.mHead, tail.mBatchLost};
+  uint64_t lost = tail.mHeader->mLostLogged.load(std::memory_order_relaxed);
+  TailSpan span{tail.mHeader, tail.mHeader->mHead.load(std::memory_order_relaxed),
+                lost - tail.mBatchLostFrom};
   tail.mBatchStart = span.mEnd;
-  tail.mBatchLost = 0;
+  tail.mBatchLostFrom = lost;
   return span;
 }
 
@@ -407,7 +407,7 @@ TailReport tailReport(const VekLogRecorder& recorder) {
   if (tail.mHeader == nullptr) return report;
   report.mMade = true;
   snprintf(report.mPath, sizeof(report.mPath), "%s", tail.mPath.c_str());
-  report.mPending = tail.mHead - tail.mHeader->mTail.load(std::memory_order_acquire);
+  report.mPending = tail.mHeader->mHead.load() - tail.mHeader->mTail.load();
   report.mLost = tail.mHeader->mLostLogged.load() - tail.mHeader->mLostDone.load();
   return report;
 }
