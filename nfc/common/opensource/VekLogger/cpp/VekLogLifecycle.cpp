@@ -169,11 +169,6 @@ LibbaseLine::LibbaseLine() { pthread_rwlock_rdlock(&gLibbaseLines); }
 
 LibbaseLine::~LibbaseLine() { pthread_rwlock_unlock(&gLibbaseLines); }
 
-UserScope::UserScope(VekLogRecorder& recorder) : mRecorder(recorder) {
-  mRecorder.mUsers.fetch_add(1);
-  mEntered = !mRecorder.mClosed;
-}
-
 bool startWriter(VekLogRecorder& recorder) {
   recorder.mWriterState = kWriterStarting;
   if (startThread(recorder.mWorker, writerLoop, &recorder)) return true;

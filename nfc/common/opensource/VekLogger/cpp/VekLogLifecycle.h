@@ -14,7 +14,10 @@ namespace vek {
 // Marks a thread inside record, a flush's hand-over or attchProcess. When mEntered is false the
 // destructor has begun, and the caller must leave without touching the recorder.
 struct UserScope {
-  explicit UserScope(VekLogRecorder& recorder);
+  explicit UserScope(VekLogRecorder& recorder) : mRecorder(recorder) {
+    mRecorder.mUsers.fetch_add(1);
+    mEntered = !mRecorder.mClosed;
+  }
   ~UserScope() { mRecorder.mUsers.fetch_sub(1); }
   UserScope(const UserScope&) = delete;
   UserScope& operator=(const UserScope&) = delete;
