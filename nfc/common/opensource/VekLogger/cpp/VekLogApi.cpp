@@ -57,10 +57,9 @@ std::string_view formatMessage(char* text, std::string* heap, const char* fmt, v
 }
 
 // Records and prints a formatted message. Inlined into each entry point, whose frame then makes
-// the line's system calls: after a system call, each return into a frame made before it is
-// mispredicted on some CPUs. A message that came back from the library's own diagnostic is
-// printed only, without the thresholds: the recorder may be under construction on this very
-// thread, and the platform already chose to log the diagnostic.
+// the line's system calls (readIds says why). A message that came back from the library's own
+// diagnostic is printed only, without the thresholds: the recorder may be under construction on
+// this very thread, and the platform already chose to log the diagnostic.
 __attribute__((always_inline)) inline void logMessage(vek::Inside inside, int level,
                                                       const char* tag, std::string_view message) {
   int priority = platformLevel(level)->mPriority;

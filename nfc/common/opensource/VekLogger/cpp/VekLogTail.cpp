@@ -43,8 +43,8 @@ constexpr int kRetryDoublings = 6;
 
 // This process's tail, of the first recorder to attach (the process's one; a recorder a test
 // makes beside it gets none). Made when the library is loaded and never destroyed: a writer
-// left behind at exit may still use it. The fields are guarded by the owner's mMutex: logging
-// threads write the ring's positions, the writer the file's and the schedule's fields, a set-up
+// left behind at exit may still use it. The fields are guarded by the owner's mMutex: a
+// hand-over writes the batch's start, the writer the file's and the schedule's fields, a set-up
 // the mapping, each with the lock held.
 struct alignas(64) Tail {
   // What every line reads, on one cache line, written only once a batch or a ring's worth: at
